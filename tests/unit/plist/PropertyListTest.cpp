@@ -1,5 +1,6 @@
 #include "plist/PropertyList.h"
 
+#include <cmath>
 #include <limits>
 #include <thread>
 
@@ -91,6 +92,75 @@ TEST(PropertyList, ValuesWithoutAPropertyListFormAreRefused) {
   EXPECT_FALSE(toBinary(Array{Value(), 1}).ok());
   EXPECT_FALSE(toXml(ErrorRecord{"ambrantDomain", 1000, {}}).ok());
   EXPECT_FALSE(toXml(std::string("a\0b", 3)).ok());
+}
+
+TEST(PropertyList, XmlEscapesMarkupAndReadsEntitiesBack) {
+  const std::string tricky = "a & b < c > d \"q\" 'a' ]]> caf\xc3\xa9 \xf0\x9f\x98\x80\r\n";
+  auto xml = toXml(Dictionary{{"<key & more>", tricky}});
+  ASSERT_TRUE(xml.ok());
+  EXPECT_NE(xml->find("<key>&lt;key &amp; more&gt;</key>"), std::string::npos) << *xml;
+  EXPECT_EQ(*parseXml(*xml), Value(Dictionary{{"<key & more>", tricky}}));
+
+  auto refs = parseXml(std::string_view(
+      "<plist><string>&#65;&#x42;&#233;&#x1F600;&quot;&apos;&amp;</string></plist>"));
+  ASSERT_TRUE(refs.ok());
+  EXPECT_EQ(*refs, Value("AB\xc3\xa9\xf0\x9f\x98\x80\"'&"));
+  EXPECT_FALSE(toXml(Dictionary{{std::string("a\0b", 3), 1}}).ok());
+}
+
+TEST(PropertyList, XmlKeepsExtremeNumbersAndEveryDataLength) {
+  const double reals[] = {0.1,
+                          -0.0,
+                          5e-324,
+                          std::numeric_limits<double>::max(),
+                          std::numeric_limits<double>::infinity(),
+                          -std::numeric_limits<double>::infinity(),
+                          123456789.123};
+  for (double d : reals) {
+    auto back = parseXml(*toXml(d));
+    ASSERT_TRUE(back.ok());
+    ASSERT_TRUE(back->asReal().has_value()) << d;
+    EXPECT_EQ(*back->asReal(), d);
+    EXPECT_EQ(std::signbit(*back->asReal()), std::signbit(d)) << d;
+  }
+  auto nan = parseXml(*toXml(std::numeric_limits<double>::quiet_NaN()));
+  ASSERT_TRUE(nan.ok() && nan->asReal());
+  EXPECT_TRUE(std::isnan(*nan->asReal()));
+  for (std::int64_t i : {std::numeric_limits<std::int64_t>::min(), std::int64_t{-1},
+                         std::numeric_limits<std::int64_t>::max()}) {
+    EXPECT_EQ(*parseXml(*toXml(i)), Value(i));
+  }
+  // Base64 padding of every kind and lines wrapped past 68 characters.
+  for (std::size_t length = 0; length < 120; ++length) {
+    Data bytes(length);
+    for (std::size_t i = 0; i < length; ++i) {
+      bytes[i] = static_cast<std::uint8_t>(i * 37 + length);
+    }
+    EXPECT_EQ(*parseXml(*toXml(Array{bytes})), Value(Array{bytes})) << length;
+  }
+}
+
+TEST(PropertyList, UnusualXmlIsStillReadAsBefore) {
+  auto read = [](std::string_view body) {
+    std::string doc =
+        "<?xml version=\"1.0\"?>\n<plist version=\"1.0\">" + std::string(body) + "</plist>";
+    auto value = parseXml(doc);
+    EXPECT_TRUE(value.ok()) << body;
+    return value.ok() ? *value : Value();
+  };
+  EXPECT_EQ(read("<integer> 5 </integer>"), Value(5));
+  EXPECT_EQ(read("<integer>0x10</integer>"), Value(16));
+  EXPECT_EQ(read("<string>a<![CDATA[<b>&amp;]]>c</string>"), Value("a<b>&amp;c"));
+  EXPECT_EQ(read("<string>a<!-- note -->b</string>"), Value("ab"));
+  EXPECT_EQ(read("<date>2001-01-01T00:00:10.5Z</date>"), Value(Date{10}));
+  EXPECT_EQ(read("<true></true>"), Value(true));
+  EXPECT_EQ(read("<string attr=\"1\">x</string>"), Value("x"));
+  // A repeated key keeps its first position and takes the last value.
+  Value dict = read("<dict><key>a</key><integer>1</integer><!-- c --><key>b</key><true/>"
+                    "<key>a</key><integer>2</integer></dict>");
+  ASSERT_NE(dict.asDictionary(), nullptr);
+  EXPECT_EQ(dict.asDictionary()->keys(), (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(*dict.get("a"), Value(2));
 }
 
 TEST(PropertyList, MalformedAndTruncatedInputIsAFailure) {
