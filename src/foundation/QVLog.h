@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -22,16 +23,19 @@ class QVLog {
 public:
   // Where files go and what the header says. fromEnvironment() fills it for this process.
   struct Config {
-    std::string userLogDirectory;    // the user's Library/Logs/Quorvane
-    std::string rootLogDirectory;    // the local domain's Library/Logs/Quorvane
-    bool runningAsRoot = false;      // real user id 0: the current file lives in the root folder
-    std::string globalPrefsPath;     // the user's Preferences/com.quorvane.global.plist
-    std::string defaultAppName;      // used when createNewLog is given no name
+    std::string userLogDirectory; // the user's Library/Logs/Quorvane
+    std::string rootLogDirectory; // the local domain's Library/Logs/Quorvane
+    bool runningAsRoot = false;   // real user id 0: the current file lives in the root folder
+    std::string globalPrefsPath;  // the user's Preferences/com.quorvane.global.plist
+    std::string defaultAppName;   // used when createNewLog is given no name
     std::optional<std::string> bundleVersion;  // "Version: %@" header line when present
     std::optional<std::string> executablePath; // "Path: %@" header line when present
     std::string osVersion = "10.5.0";
     long cpuCount = 1;
     double ramGigabytes = 0; // physical memory in GB
+    // The thread whose log() calls never wait for the writer; unset means the process's
+    // initial thread (the one that runs main and the event loop).
+    std::optional<std::thread::id> mainThread;
   };
 
   static Config configFromEnvironment();
@@ -57,7 +61,9 @@ public:
   void flush();
   // Existing files 1..5 of the user's log folder, newest first.
   std::vector<std::string> logs() const;
-  // Flushes (unless 20 or more lines are pending) and closes: the orderly-exit path.
+  // Flushes (unless 20 or more lines are pending) and closes: the orderly-exit path. Lines
+  // logged afterwards are dropped. The shared instance also runs it when the process exits
+  // through exit() or a return from main.
   void willTerminate();
 
   bool loggingDisabled() const;
@@ -66,14 +72,19 @@ public:
 
   // ---- the class-level interface used throughout the agent, on the shared instance
 
+  // Safe from any thread. The first call builds the instance from configFromEnvironment() and
+  // installs the std::terminate handler that logs the uncaught exception's what() (logAndPrint),
+  // flushes and aborts.
   static QVLog& sharedController();
-  // Replaces the shared instance (start-up wiring and tests); the old one is flushed and closed.
+  // Replaces the shared instance (start-up wiring and tests); the old one is flushed and closed
+  // (willTerminate) but stays allocated, so a thread still holding it loses lines, not memory.
   static void setSharedController(std::unique_ptr<QVLog> log);
 
   static void createNewLog(const std::optional<std::string>& appName = std::nullopt) {
     sharedController().newLog(appName);
   }
-  template <typename... Args> static void appendLog(fmt::format_string<Args...> format, Args&&... args) {
+  template <typename... Args>
+  static void appendLog(fmt::format_string<Args...> format, Args&&... args) {
     sharedController().log(fmt::format(format, std::forward<Args>(args)...));
   }
   template <typename... Args>
@@ -89,7 +100,8 @@ public:
 
   // A line for the system console (standard error), for the few messages that do not belong in
   // the agent's own log: set-up progress, failures of the log itself, system-directory refusals.
-  template <typename... Args> static void console(fmt::format_string<Args...> format, Args&&... args) {
+  template <typename... Args>
+  static void console(fmt::format_string<Args...> format, Args&&... args) {
     writeConsole(fmt::format(format, std::forward<Args>(args)...));
   }
   static void writeConsole(std::string_view line);
