@@ -15,6 +15,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include "foundation/QVLocalPaths.h"
 #include "foundation/SerialQueue.h"
 #include "plist/PropertyList.h"
 #include "plist/Value.h"
@@ -342,20 +343,15 @@ void QVLog::Impl::terminate() {
 // ---- QVLog
 
 QVLog::Config QVLog::configFromEnvironment() {
-  // Interim, until QVLocalPaths has its implementation: the user domain under HOME and the
-  // local domain under KESTRIN_ROOT, as QVLocalPaths lays them out (without its console-user
-  // redirection for root).
-  const char* home = std::getenv("HOME");
-  const char* localRoot = std::getenv("KESTRIN_ROOT");
-  const std::string userLibrary = std::string(home ? home : "") + "/Library";
-  const std::string localLibrary =
-      (fs::path(localRoot && *localRoot ? localRoot : "/") / "Library").string();
+  return configFromPaths(QVLocalPaths::shared());
+}
 
+QVLog::Config QVLog::configFromPaths(const QVLocalPaths& paths) {
   Config config;
-  config.userLogDirectory = userLibrary + "/Logs/Quorvane";
-  config.rootLogDirectory = localLibrary + "/Logs/Quorvane";
-  config.runningAsRoot = ::getuid() == 0;
-  config.globalPrefsPath = userLibrary + "/Preferences/com.quorvane.global.plist";
+  config.userLogDirectory = paths.libraryDirectory(true).value_or("") + "/Logs/Quorvane";
+  config.rootLogDirectory = paths.libraryDirectory(false).value_or("") + "/Logs/Quorvane";
+  config.runningAsRoot = paths.runningAsRoot();
+  config.globalPrefsPath = paths.prefsDirectory(true).value_or("") + "/com.quorvane.global.plist";
 
   std::error_code error;
   fs::path executable = fs::read_symlink("/proc/self/exe", error);

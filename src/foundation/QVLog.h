@@ -12,6 +12,8 @@
 
 namespace kestrin {
 
+class QVLocalPaths;
+
 // The process-wide text log shared by the maker's applications: up to five numbered files per
 // application ("%@.1.log" newest to "%@.5.log" oldest), one writer thread that writes every
 // line in queue order so callers never touch the disk, a fresh file past 500,000 bytes, and a
@@ -21,7 +23,7 @@ namespace kestrin {
 // log read right afterwards (by the administration application) contains them.
 class QVLog {
 public:
-  // Where files go and what the header says. fromEnvironment() fills it for this process.
+  // Where files go and what the header says. configFromEnvironment() fills it for this process.
   struct Config {
     std::string userLogDirectory; // the user's Library/Logs/Quorvane
     std::string rootLogDirectory; // the local domain's Library/Logs/Quorvane
@@ -38,7 +40,11 @@ public:
     std::optional<std::thread::id> mainThread;
   };
 
+  // For this process: folders from QVLocalPaths::shared(), the program's name from its
+  // executable, the header facts from the machine.
   static Config configFromEnvironment();
+  // The same with the folders of the given machine.
+  static Config configFromPaths(const QVLocalPaths& paths);
 
   explicit QVLog(Config config);
   // Waits for pending lines (when fewer than 20 are queued) and closes the file.

@@ -1,6 +1,5 @@
 #include "foundation/QVLog.h"
 
-#include <cstdlib>
 #include <filesystem>
 #include <regex>
 #include <sstream>
@@ -10,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "fixtures/TempDir.h"
+#include "foundation/QVLocalPaths.h"
 #include "plist/PropertyList.h"
 
 namespace kestrin {
@@ -333,17 +333,16 @@ TEST_F(QVLogTest, WillTerminateWritesWhatIsQueuedAndDropsLaterLines) {
   EXPECT_FALSE(contains(messages, "after exit"));
 }
 
-TEST_F(QVLogTest, EnvironmentGivesTheFoldersProgramNameAndMachineFacts) {
-  const char* oldHome = std::getenv("HOME");
-  std::string savedHome = oldHome ? oldHome : "";
-  ::setenv("HOME", (home_ / "home").c_str(), 1);
-  ::setenv("KESTRIN_ROOT", (home_ / "root").c_str(), 1);
-  auto c = QVLog::configFromEnvironment();
-  ::setenv("HOME", savedHome.c_str(), 1);
-  ::unsetenv("KESTRIN_ROOT");
+TEST_F(QVLogTest, MachineGivesTheFoldersProgramNameAndMachineFacts) {
+  QVLocalPaths::Machine machine;
+  machine.localRoot = (home_ / "root").string();
+  machine.home = (home_ / "home").string();
+  machine.realUid = 1000;
+  auto c = QVLog::configFromPaths(QVLocalPaths(machine));
   EXPECT_EQ(c.userLogDirectory, userDir().string());
   EXPECT_EQ(c.rootLogDirectory, rootDir().string());
   EXPECT_EQ(c.globalPrefsPath, prefs().string());
+  EXPECT_FALSE(c.runningAsRoot);
   EXPECT_EQ(c.defaultAppName, "QVLogTest");
   EXPECT_GE(c.cpuCount, 1);
   EXPECT_GT(c.ramGigabytes, 0);
