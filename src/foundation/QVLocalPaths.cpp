@@ -19,12 +19,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::optional<std::string> passwdField(const std::function<int(struct passwd*, char*, std::size_t,
-                                                                  struct passwd**)>& lookup,
-                                       bool wantHome) {
+std::optional<std::string>
+passwdField(const std::function<int(struct passwd*, char*, std::size_t, struct passwd**)>& lookup,
+            bool wantHome) {
   long size = sysconf(_SC_GETPW_R_SIZE_MAX);
   std::vector<char> buffer(size > 0 ? static_cast<std::size_t>(size) : 16384);
-  struct passwd entry{};
+  struct passwd entry {};
   struct passwd* found = nullptr;
   if (lookup(&entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr) {
     return std::nullopt;
@@ -33,19 +33,15 @@ std::optional<std::string> passwdField(const std::function<int(struct passwd*, c
 }
 
 std::optional<std::string> homeOfUserName(const std::string& name) {
-  return passwdField(
-      [&](struct passwd* e, char* b, std::size_t n, struct passwd** r) {
-        return getpwnam_r(name.c_str(), e, b, n, r);
-      },
-      true);
+  return passwdField([&](struct passwd* e, char* b, std::size_t n,
+                         struct passwd** r) { return getpwnam_r(name.c_str(), e, b, n, r); },
+                     true);
 }
 
 std::optional<std::string> passwdOfUid(uid_t uid, bool wantHome) {
-  return passwdField(
-      [&](struct passwd* e, char* b, std::size_t n, struct passwd** r) {
-        return getpwuid_r(uid, e, b, n, r);
-      },
-      wantHome);
+  return passwdField([&](struct passwd* e, char* b, std::size_t n,
+                         struct passwd** r) { return getpwuid_r(uid, e, b, n, r); },
+                     wantHome);
 }
 
 std::string envOr(const char* name, const std::string& fallback) {
@@ -62,7 +58,9 @@ std::string join(const std::string& base, const std::string& relative) {
   return path;
 }
 
-bool startsWith(const std::string& s, std::string_view prefix) { return s.rfind(prefix, 0) == 0; }
+bool startsWith(const std::string& s, std::string_view prefix) {
+  return s.rfind(prefix, 0) == 0;
+}
 
 // The folder of each kind inside a domain's base, as the original platform lays it out. Kinds
 // that a domain does not have answer nullopt (there is no computer-wide Documents folder).
@@ -109,7 +107,8 @@ QVLocalPaths::Machine QVLocalPaths::machineFromEnvironment() {
   machine.localRoot = envOr("KESTRIN_ROOT", "/");
   machine.home = envOr("HOME", passwdOfUid(machine.realUid, true).value_or("/"));
   machine.tempDirectory = envOr("TMPDIR", "/tmp");
-  machine.ownUserName = passwdOfUid(machine.realUid, false).value_or(std::to_string(machine.realUid));
+  machine.ownUserName =
+      passwdOfUid(machine.realUid, false).value_or(std::to_string(machine.realUid));
   machine.consoleUser = [] { return platform::consoleUserName(); };
   machine.homeOfUser = homeOfUserName;
   return machine;
@@ -225,7 +224,9 @@ std::optional<std::string> QVLocalPaths::darwinCacheDirectory() const {
   return home ? std::optional(join(*home, ".cache")) : std::nullopt;
 }
 
-std::string QVLocalPaths::tempDirectory() const { return machine_.tempDirectory; }
+std::string QVLocalPaths::tempDirectory() const {
+  return machine_.tempDirectory;
+}
 
 std::string QVLocalPaths::tempFile() const {
   return join(tempDirectory(), uuid() + randomString(8));
@@ -237,7 +238,7 @@ std::string QVLocalPaths::uuid() {
   std::uint64_t high = draw(generator);
   std::uint64_t low = draw(generator);
   high = (high & 0xffffffffffff0fffULL) | 0x0000000000004000ULL; // version 4
-  low = (low & 0x3fffffffffffffffULL) | 0x8000000000000000ULL;  // RFC 4122 variant
+  low = (low & 0x3fffffffffffffffULL) | 0x8000000000000000ULL;   // RFC 4122 variant
   return fmt::format("{:08X}-{:04X}-{:04X}-{:04X}-{:012X}", high >> 32, (high >> 16) & 0xffff,
                      high & 0xffff, low >> 48, low & 0xffffffffffffULL);
 }

@@ -996,7 +996,8 @@ Expected<void> writeFile(const std::filesystem::path& path, const Value& value, 
   }
   std::size_t written = 0;
   while (written < bytes.size()) {
-    ssize_t n = retryOnEintr([&] { return ::write(fd, bytes.data() + written, bytes.size() - written); });
+    ssize_t n =
+        retryOnEintr([&] { return ::write(fd, bytes.data() + written, bytes.size() - written); });
     if (n < 0) {
       return fail("cannot write " + temp);
     }

@@ -175,12 +175,24 @@ std::optional<Date> Value::asDate() const {
   return std::nullopt;
 }
 
-const std::string* Value::asString() const { return std::get_if<std::string>(&v_); }
-const Data* Value::asData() const { return std::get_if<Data>(&v_); }
-const Array* Value::asArray() const { return std::get_if<Array>(&v_); }
-Array* Value::asArray() { return std::get_if<Array>(&v_); }
-const Dictionary* Value::asDictionary() const { return std::get_if<Dictionary>(&v_); }
-Dictionary* Value::asDictionary() { return std::get_if<Dictionary>(&v_); }
+const std::string* Value::asString() const {
+  return std::get_if<std::string>(&v_);
+}
+const Data* Value::asData() const {
+  return std::get_if<Data>(&v_);
+}
+const Array* Value::asArray() const {
+  return std::get_if<Array>(&v_);
+}
+Array* Value::asArray() {
+  return std::get_if<Array>(&v_);
+}
+const Dictionary* Value::asDictionary() const {
+  return std::get_if<Dictionary>(&v_);
+}
+Dictionary* Value::asDictionary() {
+  return std::get_if<Dictionary>(&v_);
+}
 
 const ErrorRecord* Value::asError() const {
   if (auto* e = std::get_if<std::shared_ptr<const ErrorRecord>>(&v_)) {

@@ -15,7 +15,19 @@ namespace kestrin::plist {
 
 class Value;
 
-enum class Kind { Null, Boolean, Integer, Real, String, Data, Date, Array, Dictionary, Error, Object };
+enum class Kind {
+  Null,
+  Boolean,
+  Integer,
+  Real,
+  String,
+  Data,
+  Date,
+  Array,
+  Dictionary,
+  Error,
+  Object
+};
 
 // Name of a kind for error texts ("expected a string, got an array").
 std::string_view kindName(Kind kind);

@@ -17,7 +17,7 @@ std::optional<std::string> consoleUserName() {
   std::free(session);
   long size = sysconf(_SC_GETPW_R_SIZE_MAX);
   std::string buffer(size > 0 ? static_cast<std::size_t>(size) : 16384, '\0');
-  struct passwd entry{};
+  struct passwd entry {};
   struct passwd* found = nullptr;
   if (getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr) {
     return std::nullopt;

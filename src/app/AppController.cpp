@@ -1,0 +1,237 @@
+#include "app/AppController.h"
+
+#include <filesystem>
+#include <iostream>
+
+#include <unistd.h>
+
+#include "app/MainLoop.h"
+#include "foundation/QVLocalPaths.h"
+#include "foundation/QVLog.h"
+#include "plist/PropertyList.h"
+
+namespace kestrin {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string preferencePath(const QVLocalPaths& paths) {
+  fs::path folder =
+      paths.prefsDirectory(true).value_or(paths.machine().home + "/Library/Preferences");
+  return (folder / AppController::kPreferenceFileName).string();
+}
+
+} // namespace
+
+AppController::AppController(Environment environment)
+    : environment_(std::move(environment)), preferences_(preferencePath(environment_.paths)) {}
+
+AppController::~AppController() {
+  std::vector<std::thread> threads;
+  {
+    std::lock_guard lock(threadsMutex_);
+    threads.swap(threads_);
+  }
+  for (std::thread& t : threads) {
+    if (t.joinable()) {
+      t.join();
+    }
+  }
+}
+
+void AppController::startThread(std::function<void()> fn) {
+  std::lock_guard lock(threadsMutex_);
+  threads_.emplace_back(std::move(fn));
+}
+
+bool AppController::init() {
+  QVLog::createNewLog(std::string(kApplicationName));
+  updateStatus("Starting up...");
+  disconnectAllOtherInstances();
+  QVLog::appendLog("Version {}.", clientVersion());
+  {
+    std::lock_guard lock(stateMutex_);
+    iconDict_ = plist::Value();
+  }
+  startService();
+
+  // The bundle's own "lastRunVersion" is compared while the preference file receives the
+  // value, so the check below runs at every start. The asymmetry is deliberate.
+  std::string version = clientVersion();
+  const plist::Value lastRunVersion = objectForInfoDictionaryKey("lastRunVersion");
+  const std::string* last = lastRunVersion.asString();
+  if (last == nullptr || *last != version) {
+    setObjectForPreferenceDictionaryKey(version, "lastRunVersion");
+  }
+  return true;
+}
+
+// ---- service
+
+int AppController::listeningPortFromPreferences(const plist::Value& customPortSet,
+                                                const plist::Value& customPort) {
+  if (customPortSet.integerValue() != 1) {
+    return 0;
+  }
+  auto port = customPort.integerValue();
+  // The range test is an unsigned difference, as the original check was written.
+  if (port && static_cast<std::uint64_t>(*port - 1025) < 64511u) {
+    return static_cast<int>(*port);
+  }
+  return 0;
+}
+
+void AppController::startService() {
+  std::lock_guard lock(serviceMutex_);
+  updateStatus("Starting up...");
+  startThread([this] { loadSettings(); });
+  killAllOtherInstances();
+
+  int port = listeningPortFromPreferences(objectForPreferenceDictionaryKey("customPortSet"),
+                                          objectForPreferenceDictionaryKey("customPort"));
+  if (port != 0) {
+    QVLog::appendLog("Custom port set to {}", port);
+  }
+  requestedPort_ = port;
+}
+
+void AppController::stopService() {
+  std::lock_guard lock(serviceMutex_);
+  if (!isRelaunching_) {
+    updateStatus("Disconnecting...");
+  }
+  if (!isRelaunching_) {
+    updateStatus("Disconnected");
+  }
+}
+
+void AppController::loadSettings() {
+  QVLog::appendLog("Loading settings...");
+  auto showIcon = objectForPreferenceDictionaryKey("showMenuBarIcon").integerValue();
+  if (showIcon.value_or(0) != 0) {
+    // There is no status bar to show an item in; the request still passes through the main
+    // thread like every status-item change.
+    environment_.mainLoop.runOnMainThreadAndWait([] {});
+  }
+  plist::Value count = objectForPreferenceDictionaryKey("availableUpdateCount");
+  plist::Value lastUpdate = objectForPreferenceDictionaryKey("availableUpdateCountLastUpdate");
+  std::lock_guard lock(stateMutex_);
+  availableUpdateCount_ = std::move(count);
+  availableUpdateCountLastUpdate_ = std::move(lastUpdate);
+}
+
+// ---- ending
+
+void AppController::disconnect() {
+  try {
+    QVLog::appendLog("Preparing to disconnect...");
+    isQuitting_ = true;
+    stopService();
+    environment_.mainLoop.runOnMainThreadAndWait(
+        [] { QVLog::appendLog("Hiding menu bar item..."); });
+  } catch (const std::exception& e) {
+    std::cerr << "Exception in -[AppController disconnect]: " << typeid(e).name() << " - "
+              << e.what() << std::endl;
+  }
+  environment_.mainLoop.quit();
+}
+
+void AppController::disconnect(const plist::Dictionary& userInfo) {
+  const plist::Value* excluded = userInfo.find("excluded_pid");
+  std::int64_t pid = excluded ? excluded->integerValue().value_or(0) : 0;
+  if (pid == ::getpid()) {
+    return;
+  }
+  disconnect();
+}
+
+void AppController::relaunch() {
+  if (isRelaunching_) {
+    return;
+  }
+  fs::path executable =
+      fs::path(environment_.bundlePath.value_or("")) / "Contents" / "MacOS" / kApplicationName;
+  std::error_code ec;
+  if (!environment_.bundlePath || !fs::exists(executable, ec)) {
+    QVLog::appendLog("Unable to relaunch client - {} doesn't exist.", executable.string());
+    return;
+  }
+  isRelaunching_ = true;
+  updateStatus("Relaunching...");
+  disconnect();
+}
+
+void AppController::disconnectAllOtherInstances() {
+  QVLog::appendLog("Disconnecting other instances of client...");
+  QVLog::appendLog("Searching for other instances of client...");
+}
+
+void AppController::terminate(int signal) {
+  QVLog::appendLog("Received signal {}. Stopping...", signal);
+  isQuitting_ = true;
+  stopService();
+  QVLog::sharedController().willTerminate();
+}
+
+// ---- settings and bundle information
+
+plist::Value AppController::objectForPreferenceDictionaryKey(std::string_view key) const {
+  return preferences_.object(key);
+}
+
+void AppController::setObjectForPreferenceDictionaryKey(const plist::Value& value,
+                                                        const std::string& key) {
+  auto written = preferences_.setObject(value, key);
+  if (!written) {
+    QVLog::appendLog("Unable to write preference {}: {}", key, written.message());
+  }
+}
+
+plist::Value AppController::objectForInfoDictionaryKey(std::string_view key) const {
+  if (!environment_.bundlePath) {
+    return {};
+  }
+  auto info = plist::readFile(fs::path(*environment_.bundlePath) / "Contents" / "Info.plist");
+  if (!info) {
+    return {};
+  }
+  const plist::Value* value = info->get(key);
+  return value ? *value : plist::Value();
+}
+
+std::string AppController::clientVersion() const {
+  plist::Value version = objectForInfoDictionaryKey("CFBundleVersion");
+  return version.asString() ? *version.asString() : "Unknown";
+}
+
+std::string AppController::clientVersionString() const {
+  plist::Value version = objectForInfoDictionaryKey("CFBundleShortVersionString");
+  return version.asString() ? *version.asString() : "Unknown";
+}
+
+// ---- status
+
+void AppController::updateStatus(const std::string& status) {
+  std::cout << status << std::endl;
+  QVLog::appendLog("{}", status);
+  std::lock_guard lock(stateMutex_);
+  statusString_ = status;
+}
+
+std::string AppController::statusString() const {
+  std::lock_guard lock(stateMutex_);
+  return statusString_;
+}
+
+plist::Value AppController::availableUpdateCount() const {
+  std::lock_guard lock(stateMutex_);
+  return availableUpdateCount_;
+}
+
+plist::Value AppController::availableUpdateCountLastUpdate() const {
+  std::lock_guard lock(stateMutex_);
+  return availableUpdateCountLastUpdate_;
+}
+
+} // namespace kestrin

@@ -1,0 +1,114 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/PreferenceFile.h"
+#include "plist/Value.h"
+
+namespace kestrin {
+
+class MainLoop;
+class QVLocalPaths;
+
+// The agent's one controller and the root object it vends. It owns the agent's state and its
+// lifecycle; the work of each remote operation lives in its operation group, which the
+// controller calls.
+//
+// Threads: init() and the signal path run on the main thread; remote operations and start-up
+// work run on worker threads. Flags are atomics; startService/stopService exclude each other.
+class AppController {
+public:
+  static constexpr const char* kBundleIdentifier = "com.quorvane.Kestrin";
+  static constexpr const char* kApplicationName = "Kestrin";
+  static constexpr const char* kPreferenceFileName = "com.quorvane.Kestrin.plist";
+
+  struct Environment {
+    const QVLocalPaths& paths;
+    MainLoop& mainLoop;
+    // The agent's bundle (Kestrin.app). Resolved by the caller so that tests can point the
+    // controller at a throwaway bundle.
+    std::optional<std::string> bundlePath;
+  };
+
+  explicit AppController(Environment environment);
+  // Joins the start-up threads it detached.
+  ~AppController();
+  AppController(const AppController&) = delete;
+  AppController& operator=(const AppController&) = delete;
+
+  // The whole start-up, in order. Answers false when the controller could not be set up.
+  bool init();
+
+  // ---- service
+  void startService();
+  void stopService();
+  void loadSettings();
+
+  // ---- ending
+  void disconnect();
+  // Handler of the "QVKestrinDisconnect" notification: quits unless "excluded_pid" is ours.
+  void disconnect(const plist::Dictionary& userInfo);
+  void relaunch();
+  void disconnectAllOtherInstances();
+  void killAllOtherInstances() {} // deliberately empty hook
+  // The orderly stop for SIGTERM and SIGINT: stop the service, flush the log.
+  void terminate(int signal);
+
+  // ---- settings and bundle information
+  plist::Value objectForPreferenceDictionaryKey(std::string_view key) const;
+  void setObjectForPreferenceDictionaryKey(const plist::Value& value, const std::string& key);
+  plist::Value objectForInfoDictionaryKey(std::string_view key) const;
+  std::string clientVersion() const;
+  std::string clientVersionString() const;
+  const std::optional<std::string>& bundlePath() const { return environment_.bundlePath; }
+  std::string preferenceFilePath() const { return preferences_.path(); }
+
+  // The listening port that the settings ask for: "customPort" when "customPortSet" is 1 and
+  // the port lies in 1025..65535, otherwise 0 (the endpoint's own default).
+  static int listeningPortFromPreferences(const plist::Value& customPortSet,
+                                          const plist::Value& customPort);
+
+  // ---- status
+  void updateStatus(const std::string& status);
+  std::string statusString() const;
+
+  // ---- state that other parts read
+  bool isQuitting() const { return isQuitting_; }
+  bool isRelaunching() const { return isRelaunching_; }
+  int requestedPort() const { return requestedPort_; }
+  plist::Value availableUpdateCount() const;
+  plist::Value availableUpdateCountLastUpdate() const;
+
+private:
+  // Starts fn on a thread of its own; the destructor joins it.
+  void startThread(std::function<void()> fn);
+
+  Environment environment_;
+  PreferenceFile preferences_;
+
+  std::atomic<bool> maintenanceRequested_{false};
+  std::atomic<bool> isQuitting_{false};
+  std::atomic<bool> isConnected_{false};
+  std::atomic<bool> isRelaunching_{false};
+  std::atomic<bool> willReconnect_{false};
+  std::atomic<int> requestedPort_{0};
+
+  mutable std::mutex stateMutex_; // guards the values below, replaced whole
+  std::string statusString_;
+  plist::Value availableUpdateCount_;
+  plist::Value availableUpdateCountLastUpdate_;
+  plist::Value iconDict_;
+
+  std::recursive_mutex serviceMutex_; // startService / stopService
+
+  std::mutex threadsMutex_;
+  std::vector<std::thread> threads_;
+};
+
+} // namespace kestrin

@@ -1,0 +1,123 @@
+#include "app/AppController.h"
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "app/MainLoop.h"
+#include "fixtures/ThrowawayMachine.h"
+#include "plist/PropertyList.h"
+
+namespace kestrin {
+namespace {
+
+using plist::Value;
+using testing::ThrowawayMachine;
+
+TEST(ListeningPort, OnlyAnEnabledCustomPortInsideTheRangeIsUsed) {
+  auto port = &AppController::listeningPortFromPreferences;
+  EXPECT_EQ(port(Value(1), Value(1025)), 1025);
+  EXPECT_EQ(port(Value(1), Value(65535)), 65535);
+  EXPECT_EQ(port(Value(1), Value(1024)), 0);
+  EXPECT_EQ(port(Value(1), Value(65536)), 0);
+  EXPECT_EQ(port(Value(1), Value(-1)), 0);
+  EXPECT_EQ(port(Value(1), Value()), 0);
+  EXPECT_EQ(port(Value(0), Value(4000)), 0);
+  EXPECT_EQ(port(Value(2), Value(4000)), 0);
+  EXPECT_EQ(port(Value(), Value(4000)), 0);
+  EXPECT_EQ(port(Value(true), Value("4000")), 4000); // hand-edited settings still count
+}
+
+class AppControllerTest : public ::testing::Test {
+protected:
+  AppControllerTest()
+      : bundle(machine.makeBundle(machine.root() / "Applications", "Kestrin",
+                                  "com.quorvane.Kestrin", "321")) {}
+
+  AppController::Environment environment() { return {machine.paths(), loop, bundle.string()}; }
+  void writePrefs(const plist::Dictionary& dict) {
+    auto path = machine.home() / "Library/Preferences/com.quorvane.Kestrin.plist";
+    std::filesystem::create_directories(path.parent_path());
+    ASSERT_TRUE(plist::writeFile(path, dict).ok());
+  }
+
+  MainLoop loop;
+  ThrowawayMachine machine;
+  std::filesystem::path bundle;
+};
+
+TEST_F(AppControllerTest, StartUpLogsItsStepsAndRecordsTheVersionThatRan) {
+  AppController controller(environment());
+  ASSERT_TRUE(controller.init());
+  EXPECT_EQ(controller.clientVersion(), "321");
+  EXPECT_EQ(controller.clientVersionString(), "321");
+  EXPECT_EQ(controller.objectForPreferenceDictionaryKey("lastRunVersion"), Value("321"));
+  EXPECT_EQ(controller.statusString(), "Starting up...");
+
+  std::string log = machine.logText();
+  auto at = [&](const char* text) { return log.find(text); };
+  ASSERT_NE(at("Log started: "), std::string::npos);
+  ASSERT_NE(at("Version 321."), std::string::npos);
+  EXPECT_LT(at("Starting up..."), at("Disconnecting other instances of client..."));
+  EXPECT_LT(at("Searching for other instances of client..."), at("Version 321."));
+}
+
+TEST_F(AppControllerTest, CustomPortIsLoggedOnlyWhenAccepted) {
+  writePrefs({{"customPortSet", 1}, {"customPort", 1025}});
+  {
+    AppController controller(environment());
+    controller.startService();
+    EXPECT_EQ(controller.requestedPort(), 1025);
+  }
+  EXPECT_NE(machine.logText().find("Custom port set to 1025"), std::string::npos);
+
+  writePrefs({{"customPortSet", 1}, {"customPort", 1024}});
+  AppController controller(environment());
+  controller.startService();
+  EXPECT_EQ(controller.requestedPort(), 0);
+  EXPECT_EQ(machine.logText().find("Custom port set to 1024"), std::string::npos);
+}
+
+TEST_F(AppControllerTest, LoadSettingsRestoresTheUpdateCount) {
+  writePrefs(
+      {{"availableUpdateCount", 3}, {"availableUpdateCountLastUpdate", plist::Date{1000.0}}});
+  AppController controller(environment());
+  controller.loadSettings();
+  EXPECT_EQ(controller.availableUpdateCount(), Value(3));
+  EXPECT_EQ(controller.availableUpdateCountLastUpdate(), Value(plist::Date{1000.0}));
+}
+
+TEST_F(AppControllerTest, VersionIsUnknownWithoutABundle) {
+  AppController controller({machine.paths(), loop, std::nullopt});
+  EXPECT_EQ(controller.clientVersion(), "Unknown");
+  EXPECT_EQ(controller.clientVersionString(), "Unknown");
+  EXPECT_TRUE(controller.objectForInfoDictionaryKey("CFBundleIdentifier").isNull());
+}
+
+TEST_F(AppControllerTest, DisconnectNotificationSparesTheInstanceItNames) {
+  AppController controller(environment());
+  controller.disconnect(plist::Dictionary{{"excluded_pid", static_cast<int>(::getpid())}});
+  EXPECT_FALSE(controller.isQuitting());
+
+  controller.disconnect(plist::Dictionary{});
+  EXPECT_TRUE(controller.isQuitting());
+  EXPECT_EQ(loop.run(), std::nullopt); // quit was requested: the loop ends at once
+  std::string log = machine.logText();
+  EXPECT_NE(log.find("Preparing to disconnect..."), std::string::npos);
+  EXPECT_NE(log.find("Disconnected"), std::string::npos);
+}
+
+TEST_F(AppControllerTest, RelaunchWithoutAnExecutableOnlyLogs) {
+  std::filesystem::remove(bundle / "Contents/MacOS/Kestrin");
+  AppController controller(environment());
+  controller.relaunch();
+  EXPECT_FALSE(controller.isQuitting());
+  EXPECT_FALSE(controller.isRelaunching());
+  EXPECT_NE(machine.logText().find("Unable to relaunch client - " +
+                                   (bundle / "Contents/MacOS/Kestrin").string() +
+                                   " doesn't exist."),
+            std::string::npos);
+}
+
+} // namespace
+} // namespace kestrin
