@@ -178,7 +178,7 @@ Expected<std::shared_ptr<ChildProcess>> ChildProcess::launch(const LaunchRequest
   rc = ::posix_spawn(&pid, request.path.c_str(), &setup.actions_, &setup.attributes_, argv.data(),
                      request.environment ? environment.data() : environ);
   if (rc != 0) {
-    return Failure{errnoMessage(request.path, rc)};
+    return Failure{std::strerror(rc)};
   }
 
   // Leaving this scope closes the child's ends of the pipes, the null device and the write end
