@@ -1,0 +1,484 @@
+#include "foundation/QVTaskEx.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cmath>
+#include <thread>
+#include <utility>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "foundation/QVException.h"
+#include "foundation/QVLog.h"
+#include "platform/PipeReader.h"
+
+namespace kestrin {
+namespace {
+
+using platform::ChildProcess;
+using platform::LaunchRequest;
+using platform::StreamTarget;
+
+// Directory extensions the platform treats as one opaque file (a bundle).
+bool hasBundleExtension(std::string_view path) {
+  while (path.size() > 1 && path.back() == '/') {
+    path.remove_suffix(1);
+  }
+  auto dot = path.rfind('.');
+  auto slash = path.rfind('/');
+  if (dot == std::string_view::npos || (slash != std::string_view::npos && dot < slash)) {
+    return false;
+  }
+  std::string extension;
+  for (char c : path.substr(dot + 1)) {
+    extension += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  }
+  static constexpr std::array<std::string_view, 12> kBundleExtensions{
+      "app",    "appex",    "bundle",      "component",  "framework", "kext",
+      "plugin", "prefpane", "qlgenerator", "mdimporter", "saver",     "xpc"};
+  return std::find(kBundleExtensions.begin(), kBundleExtensions.end(), extension) !=
+         kBundleExtensions.end();
+}
+
+void reportNotExecutable(const std::string& path) {
+  QVLog::appendLogAndPrint("Error: {} is not executable", path);
+}
+
+// A failed launch is logged the way the platform's launcher exception was.
+void reportLaunchFailure(const std::string& path, const Failure& failure) {
+  QVLog::appendLog("Exception running task {}: {}", path, failure.message);
+}
+
+Expected<QVTaskEx::Task> launch(const std::string& path, const QVTaskEx::Arguments& arguments,
+                                StreamTarget standardOutput, StreamTarget standardError,
+                                std::optional<QVTaskEx::Environment> environment = std::nullopt) {
+  return ChildProcess::launch(
+      LaunchRequest{path, arguments, std::move(environment), standardOutput, standardError});
+}
+
+void publish(QVTaskEx::Slot* slot, QVTaskEx::Task task) {
+  if (slot != nullptr) {
+    slot->set(std::move(task));
+  }
+}
+
+bool isValidUtf8(const plist::Data& bytes) {
+  std::size_t i = 0;
+  while (i < bytes.size()) {
+    unsigned char c = bytes[i];
+    std::size_t length;
+    char32_t codePoint;
+    if (c < 0x80) {
+      ++i;
+      continue;
+    } else if ((c & 0xE0) == 0xC0) {
+      length = 2;
+      codePoint = c & 0x1F;
+    } else if ((c & 0xF0) == 0xE0) {
+      length = 3;
+      codePoint = c & 0x0F;
+    } else if ((c & 0xF8) == 0xF0) {
+      length = 4;
+      codePoint = c & 0x07;
+    } else {
+      return false;
+    }
+    if (i + length > bytes.size()) {
+      return false;
+    }
+    for (std::size_t k = 1; k < length; ++k) {
+      if ((bytes[i + k] & 0xC0) != 0x80) {
+        return false;
+      }
+      codePoint = (codePoint << 6) | (bytes[i + k] & 0x3F);
+    }
+    static constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (codePoint < kSmallest[length] || codePoint > 0x10FFFF ||
+        (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
+      return false; // overlong form, beyond Unicode, or a surrogate
+    }
+    i += length;
+  }
+  return true;
+}
+
+} // namespace
+
+// ---- Slot
+
+QVTaskEx::Task QVTaskEx::Slot::get() const {
+  std::lock_guard lock(mutex_);
+  return task_;
+}
+
+void QVTaskEx::Slot::set(Task task) {
+  {
+    std::lock_guard lock(mutex_);
+    task_ = std::move(task);
+  }
+  changed_.notify_all();
+}
+
+// ---- checks and decoding
+
+bool QVTaskEx::isRunnable(const std::string& path) {
+  struct stat status {};
+  if (path.empty() || ::stat(path.c_str(), &status) != 0 || ::access(path.c_str(), X_OK) != 0) {
+    return false;
+  }
+  return !(S_ISDIR(status.st_mode) && hasBundleExtension(path));
+}
+
+std::optional<std::string> QVTaskEx::decode(const plist::Data& bytes, StringEncoding encoding) {
+  switch (encoding) {
+  case StringEncoding::ASCII:
+    if (std::any_of(bytes.begin(), bytes.end(), [](std::uint8_t b) { return b >= 0x80; })) {
+      return std::nullopt;
+    }
+    return std::string(bytes.begin(), bytes.end());
+  case StringEncoding::UTF8:
+    if (!isValidUtf8(bytes)) {
+      return std::nullopt;
+    }
+    return std::string(bytes.begin(), bytes.end());
+  case StringEncoding::ISOLatin1: {
+    std::string text;
+    text.reserve(bytes.size());
+    for (std::uint8_t b : bytes) {
+      if (b < 0x80) {
+        text += static_cast<char>(b);
+      } else {
+        text += static_cast<char>(0xC0 | (b >> 6));
+        text += static_cast<char>(0x80 | (b & 0x3F));
+      }
+    }
+    return text;
+  }
+  }
+  return std::nullopt;
+}
+
+// ---- class-level runs
+
+bool QVTaskEx::runTask(const std::string& path, const Arguments& arguments, Slot* task) {
+  if (!isRunnable(path)) {
+    reportNotExecutable(path);
+    return false;
+  }
+  auto child = launch(path, arguments, StreamTarget::Null, StreamTarget::Null);
+  if (!child) {
+    reportLaunchFailure(path, child.failure());
+    return false;
+  }
+  publish(task, *child);
+  (*child)->waitUntilExit();
+  publish(task, nullptr);
+  return true;
+}
+
+QVTaskEx::Task QVTaskEx::runTaskAndReturn(const std::string& path, const Arguments& arguments) {
+  if (!isRunnable(path)) {
+    reportNotExecutable(path);
+    return nullptr;
+  }
+  auto child = launch(path, arguments, StreamTarget::Null, StreamTarget::Null);
+  if (!child) {
+    reportLaunchFailure(path, child.failure());
+    return nullptr;
+  }
+  return std::move(*child);
+}
+
+void QVTaskEx::runTask(const std::string& path, const Arguments& arguments, TimeLimit timeout) {
+  QVTaskEx().runTaskBounded(path, arguments, timeout);
+}
+
+int QVTaskEx::terminationCodeFromTask(const std::string& path, const Arguments& arguments,
+                                      Slot* task) {
+  if (!isRunnable(path)) {
+    reportNotExecutable(path);
+    return -1;
+  }
+  auto child = launch(path, arguments, StreamTarget::Null, StreamTarget::Null);
+  if (!child) {
+    reportLaunchFailure(path, child.failure());
+    return -1;
+  }
+  publish(task, *child);
+  int status = (*child)->waitUntilExit().status;
+  publish(task, nullptr);
+  return status;
+}
+
+int QVTaskEx::terminationCodeFromTask(const std::string& path, const Arguments& arguments,
+                                      TimeLimit timeout) {
+  return QVTaskEx().terminationCodeFromTaskBounded(path, arguments, timeout);
+}
+
+std::optional<plist::Data> QVTaskEx::dataFromTask(const std::string& path,
+                                                  const Arguments& arguments, Slot* task,
+                                                  const std::optional<Environment>& environment,
+                                                  bool logOutput) {
+  if (!isRunnable(path)) { // which also requires that the file exist
+    reportNotExecutable(path);
+    return std::nullopt;
+  }
+  auto child = launch(path, arguments, logOutput ? StreamTarget::Pipe : StreamTarget::Inherit,
+                      StreamTarget::Pipe, environment);
+  if (!child) {
+    reportLaunchFailure(path, child.failure());
+    return std::nullopt;
+  }
+  publish(task, *child);
+  // Both pipes at once: a tool that fills its error pipe while we wait on its output (or the
+  // other way round) would otherwise block for ever.
+  auto output = platform::drainToEnd((*child)->takeStandardOutput(), (*child)->takeStandardError());
+  // End of file comes just before the exit; reaping here keeps the child visible in the slot
+  // (and so within reach of a time limit) until it has really ended.
+  (*child)->waitUntilExit();
+  publish(task, nullptr);
+
+  if (!logOutput) {
+    // Nothing of standard output was collected, so there is no output buffer to answer.
+    if (output.standardError.empty()) {
+      return std::nullopt;
+    }
+    return std::move(output.standardError);
+  }
+  if (output.standardOutput.empty() && !output.standardError.empty()) {
+    return std::move(output.standardError);
+  }
+  return std::move(output.standardOutput);
+}
+
+std::optional<plist::Data> QVTaskEx::dataFromTask(const std::string& path,
+                                                  const Arguments& arguments, TimeLimit timeout) {
+  return QVTaskEx().dataFromTaskBounded(path, arguments, timeout);
+}
+
+std::optional<std::string> QVTaskEx::stringFromTask(const std::string& path,
+                                                    const Arguments& arguments, Slot* task) {
+  return stringFromTask(path, arguments, StringEncoding::ASCII, task);
+}
+
+std::optional<std::string> QVTaskEx::stringFromTask(const std::string& path,
+                                                    const Arguments& arguments,
+                                                    StringEncoding encoding, Slot* task) {
+  auto data = dataFromTask(path, arguments, task);
+  if (!data) {
+    return std::string();
+  }
+  return decode(*data, encoding);
+}
+
+std::optional<std::string> QVTaskEx::stringFromTask(const std::string& path,
+                                                    const Arguments& arguments, TimeLimit timeout) {
+  return stringFromTask(path, arguments, StringEncoding::ASCII, timeout);
+}
+
+std::optional<std::string> QVTaskEx::stringFromTask(const std::string& path,
+                                                    const Arguments& arguments,
+                                                    StringEncoding encoding, TimeLimit timeout) {
+  auto data = dataFromTask(path, arguments, timeout);
+  if (!data) {
+    return std::string();
+  }
+  return decode(*data, encoding);
+}
+
+// ---- bounded runs
+
+QVTaskEx::~QVTaskEx() = default;
+
+template <typename Result, typename Run> Result QVTaskEx::bounded(TimeLimit limit, Run&& run) {
+  // Whole seconds, truncated toward zero: 2.9 s acts after 2 s, 0.5 s at once. Negative and
+  // NaN limits act at once; absurdly long ones are capped so the deadline cannot overflow.
+  constexpr double kLongestLimit = 1e9;
+  double whole = std::trunc(limit.count());
+  whole = std::isnan(whole) ? 0 : std::clamp(whole, 0.0, kLongestLimit);
+  auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::seconds(static_cast<long long>(whole));
+  {
+    std::lock_guard lock(theTask_.mutex_);
+    theTask_.task_ = nullptr;
+    theTask_.closed_ = false;
+  }
+  std::thread timer([this, deadline] { setupTimeout(deadline); });
+  struct Close {
+    QVTaskEx& self;
+    std::thread& timer;
+    ~Close() {
+      {
+        std::lock_guard lock(self.theTask_.mutex_);
+        self.theTask_.task_ = nullptr;
+        self.theTask_.closed_ = true;
+      }
+      self.theTask_.changed_.notify_all();
+      timer.join();
+    }
+  } close{*this, timer};
+  return run(&theTask_);
+}
+
+// Runs on a timer thread of its own. The platform's runner slept there and then performed the
+// time-out on the main thread, so a bounded run made on the main thread could not be cut short
+// until that thread was free. Here the main thread runs the agent's event loop and must never
+// wait on a tool, so the time-out acts from the timer thread itself.
+//
+// The timer also waits for the launch when the deadline comes first (a limit below one second):
+// the limit counts from the start of the run, and a child launched a moment late is stopped
+// at once rather than left unbounded.
+void QVTaskEx::setupTimeout(std::chrono::steady_clock::time_point deadline) {
+  std::unique_lock lock(theTask_.mutex_);
+  if (theTask_.changed_.wait_until(lock, deadline, [&] { return theTask_.closed_; })) {
+    return;
+  }
+  theTask_.changed_.wait(lock, [&] { return theTask_.closed_ || theTask_.task_ != nullptr; });
+  if (theTask_.closed_) {
+    return;
+  }
+  lock.unlock();
+  timeout();
+}
+
+void QVTaskEx::timeout() {
+  Task task = theTask_.get();
+  if (task && task->isRunning()) {
+    QVLog::appendLogAndPrint("Task {} timed out. Terminating...", task->launchPath());
+    task->terminate();
+  }
+}
+
+void QVTaskEx::runTaskBounded(const std::string& path, const Arguments& arguments,
+                              TimeLimit timeout) {
+  bounded<bool>(timeout, [&](Slot* slot) { return runTask(path, arguments, slot); });
+}
+
+std::optional<plist::Data> QVTaskEx::dataFromTaskBounded(const std::string& path,
+                                                         const Arguments& arguments,
+                                                         TimeLimit timeout) {
+  return bounded<std::optional<plist::Data>>(
+      timeout, [&](Slot* slot) { return dataFromTask(path, arguments, slot); });
+}
+
+int QVTaskEx::terminationCodeFromTaskBounded(const std::string& path, const Arguments& arguments,
+                                             TimeLimit timeout) {
+  return bounded<int>(timeout,
+                      [&](Slot* slot) { return terminationCodeFromTask(path, arguments, slot); });
+}
+
+// ---- asynchronous run
+
+void QVTaskEx::asyncDataFromTask(const std::string& path, const Arguments& arguments,
+                                 AsyncDelegate delegate, std::optional<plist::Value> context,
+                                 std::optional<Environment> environment) {
+  auto self = shared_from_this();
+  {
+    std::lock_guard lock(asyncMutex_);
+    delegate_ = std::move(delegate);
+    object_ = std::move(context);
+    pendingLaunch_ = LaunchRequest{path, arguments, std::move(environment), StreamTarget::Pipe,
+                                   StreamTarget::Null};
+    asyncTerminated_ = false;
+  }
+  std::thread([self] { self->launchAsyncTask(); }).detach();
+}
+
+void QVTaskEx::launchAsyncTask() {
+  static constexpr const char* kMethod = "-[QVTaskEx launchAsyncTask]";
+  try {
+    std::optional<LaunchRequest> request;
+    {
+      std::lock_guard lock(asyncMutex_);
+      request = std::exchange(pendingLaunch_, std::nullopt);
+    }
+    if (!request) {
+      QVLog::appendLogAndPrint("Unable to launch async task - no task set");
+      return;
+    }
+    if (!isRunnable(request->path)) {
+      QVLog::appendLog("Unable to launch async task - task does not exist or is not executable");
+      return;
+    }
+    auto launched = ChildProcess::launch(*request);
+    if (!launched) {
+      QVException::logException(
+          NamedException(std::string(kInvalidArgumentException), launched.message()), kMethod);
+      return;
+    }
+    Task child = std::move(*launched);
+    auto reader = std::make_shared<platform::PipeReader>(child->takeStandardOutput());
+    bool terminated;
+    {
+      std::lock_guard lock(asyncMutex_);
+      terminated = asyncTerminated_;
+      if (!terminated) {
+        reader_ = reader;
+        theTask_.set(child);
+      }
+    }
+    if (!terminated) {
+      while (auto chunk = reader->next()) {
+        asyncTaskReturnData(*chunk);
+      }
+      {
+        std::lock_guard lock(asyncMutex_);
+        terminated = asyncTerminated_;
+      }
+      if (!terminated) {
+        asyncTaskReturnData({});
+      }
+    }
+    // Whichever way reading ended, the child is stopped if it still runs and reaped here, so
+    // an asynchronous run never leaves a zombie.
+    if (child->isRunning()) {
+      child->terminate();
+    }
+    child->waitUntilExit();
+  } catch (const std::exception& e) {
+    QVException::logException(e, kMethod);
+  }
+}
+
+void QVTaskEx::asyncTaskReturnData(const plist::Data& chunk) {
+  AsyncDelegate delegate;
+  std::optional<plist::Value> context;
+  {
+    std::lock_guard lock(asyncMutex_);
+    delegate = delegate_;
+    context = object_;
+  }
+  // Called without the lock: the delegate may end the run itself.
+  if (delegate) {
+    delegate(chunk, *this, context);
+  }
+  if (chunk.empty()) {
+    terminateAsyncTask();
+  }
+}
+
+void QVTaskEx::terminateAsyncTask() {
+  std::shared_ptr<platform::PipeReader> reader;
+  {
+    std::lock_guard lock(asyncMutex_);
+    reader = std::move(reader_);
+    delegate_ = nullptr;
+    object_.reset();
+    pendingLaunch_.reset();
+    asyncTerminated_ = true;
+  }
+  // The reading thread owns the pipe and closes it when it stops; closing it here, under a
+  // blocked read, could make that read hit a descriptor reused by another thread.
+  if (reader) {
+    reader->interrupt();
+  }
+  Task task = theTask_.get();
+  if (task && task->isRunning()) {
+    task->terminate();
+  }
+  theTask_.set(nullptr);
+}
+
+} // namespace kestrin
