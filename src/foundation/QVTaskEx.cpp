@@ -104,6 +104,25 @@ bool isValidUtf8(const plist::Data& bytes) {
   return true;
 }
 
+// Launches with both outputs to the null device and waits for the end; std::nullopt when the
+// path is refused or the launch failed (both logged).
+std::optional<platform::Termination>
+runQuietly(const std::string& path, const QVTaskEx::Arguments& arguments, QVTaskEx::Slot* slot) {
+  if (!QVTaskEx::isRunnable(path)) {
+    reportNotExecutable(path);
+    return std::nullopt;
+  }
+  auto child = launch(path, arguments, StreamTarget::Null, StreamTarget::Null);
+  if (!child) {
+    reportLaunchFailure(path, child.failure());
+    return std::nullopt;
+  }
+  publish(slot, *child);
+  auto termination = (*child)->waitUntilExit();
+  publish(slot, nullptr);
+  return termination;
+}
+
 } // namespace
 
 // ---- Slot
@@ -163,19 +182,7 @@ std::optional<std::string> QVTaskEx::decode(const plist::Data& bytes, StringEnco
 // ---- class-level runs
 
 bool QVTaskEx::runTask(const std::string& path, const Arguments& arguments, Slot* task) {
-  if (!isRunnable(path)) {
-    reportNotExecutable(path);
-    return false;
-  }
-  auto child = launch(path, arguments, StreamTarget::Null, StreamTarget::Null);
-  if (!child) {
-    reportLaunchFailure(path, child.failure());
-    return false;
-  }
-  publish(task, *child);
-  (*child)->waitUntilExit();
-  publish(task, nullptr);
-  return true;
+  return runQuietly(path, arguments, task).has_value();
 }
 
 QVTaskEx::Task QVTaskEx::runTaskAndReturn(const std::string& path, const Arguments& arguments) {
@@ -197,19 +204,8 @@ void QVTaskEx::runTask(const std::string& path, const Arguments& arguments, Time
 
 int QVTaskEx::terminationCodeFromTask(const std::string& path, const Arguments& arguments,
                                       Slot* task) {
-  if (!isRunnable(path)) {
-    reportNotExecutable(path);
-    return -1;
-  }
-  auto child = launch(path, arguments, StreamTarget::Null, StreamTarget::Null);
-  if (!child) {
-    reportLaunchFailure(path, child.failure());
-    return -1;
-  }
-  publish(task, *child);
-  int status = (*child)->waitUntilExit().status;
-  publish(task, nullptr);
-  return status;
+  auto termination = runQuietly(path, arguments, task);
+  return termination ? termination->status : -1;
 }
 
 int QVTaskEx::terminationCodeFromTask(const std::string& path, const Arguments& arguments,
