@@ -26,21 +26,20 @@ std::vector<pid_t> zombieChildren();
 // Polls until no child of this process is a zombie; false if some remain after `limit`.
 bool zombiesGoneWithin(std::chrono::milliseconds limit);
 
-// A fresh shared QVLog writing into a temporary folder for the lifetime of the object.
+// What the shared QVLog receives during the lifetime of the object. One log in a temporary
+// folder serves the whole test program: QVLog keeps a replaced instance's writer thread, so a
+// fresh instance per test would leak a thread each time.
 class CapturedLog {
 public:
   CapturedLog();
-  ~CapturedLog();
-  CapturedLog(const CapturedLog&) = delete;
-  CapturedLog& operator=(const CapturedLog&) = delete;
 
-  // Everything logged so far (waits for queued lines).
+  // Everything logged since construction (waits for queued lines).
   std::string text() const;
   // Polls until the log contains `line`, for lines written by detached threads.
   bool containsWithin(const std::string& line, std::chrono::milliseconds limit) const;
 
 private:
-  TempDir dir_;
+  std::size_t start_ = 0;
 };
 
 } // namespace kestrin::testing
