@@ -5,9 +5,13 @@
 #include <filesystem>
 
 #include "app/AppController.h"
+#include "app/BundleLocation.h"
+#include "app/Installer.h"
 #include "app/MainLoop.h"
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
+#include "platform/ToolTable.h"
+#include "platform/Workspace.h"
 
 namespace kestrin {
 
@@ -26,22 +30,24 @@ void waitForPredecessor() {
   }
 }
 
-std::optional<std::string> ownBundlePath() {
-  std::error_code ec;
-  auto exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-  if (ec) {
-    return std::nullopt;
-  }
-  // .../Kestrin.app/Contents/MacOS/Kestrin
-  return exe.parent_path().parent_path().parent_path().string();
+platform::Workspace workspace() {
+  const QVLocalPaths& paths = QVLocalPaths::shared();
+  return platform::Workspace::forMachine(paths.machine().localRoot, paths.machine().home);
+}
+
+Installer installer() {
+  return Installer({QVLocalPaths::shared(), platform::ToolTable::shared(),
+                    bundlePath(QVLocalPaths::shared(), workspace()), nullptr, nullptr});
 }
 
 int runAgent() {
   MainLoop mainLoop; // first: captures the stop signals before any thread exists
-  AppController controller({QVLocalPaths::shared(), mainLoop, ownBundlePath()});
+  AppController controller(
+      {QVLocalPaths::shared(), mainLoop, bundlePath(QVLocalPaths::shared(), workspace())});
   if (!controller.init()) {
     return 0;
   }
+  installer().cleanupMountedDisks();
   if (auto signal = mainLoop.run()) {
     controller.terminate(*signal);
   } else {
@@ -53,6 +59,11 @@ int runAgent() {
 } // namespace
 
 int agentMain(const std::vector<std::string>& arguments) {
+  if (has(arguments, "-setup")) {
+    installer().runSetup();
+    QVLog::sharedController().willTerminate();
+    return 0;
+  }
   if (has(arguments, "-wait")) {
     waitForPredecessor();
   }

@@ -8,6 +8,7 @@
 #include "app/MainLoop.h"
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
+#include "foundation/QVTaskEx.h"
 #include "plist/PropertyList.h"
 
 namespace kestrin {
@@ -158,6 +159,7 @@ void AppController::relaunch() {
     return;
   }
   isRelaunching_ = true;
+  QVTaskEx::runTaskAndReturn(executable.string(), {"-wait"});
   updateStatus("Relaunching...");
   disconnect();
 }

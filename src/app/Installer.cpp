@@ -1,0 +1,223 @@
+#include "app/Installer.h"
+
+#include <cctype>
+#include <filesystem>
+#include <fstream>
+
+#include <unistd.h>
+
+#include "foundation/QVLocalPaths.h"
+#include "foundation/QVLog.h"
+#include "foundation/QVTaskEx.h"
+#include "platform/ToolTable.h"
+
+namespace kestrin {
+
+namespace fs = std::filesystem;
+using platform::Tool;
+
+namespace {
+
+bool fileExists(const fs::path& path) {
+  std::error_code ec;
+  return fs::exists(path, ec);
+}
+
+// Leading digits as an integer, 0 where there are none.
+int leadingInteger(const std::string& text) {
+  int value = 0;
+  std::size_t i = 0;
+  while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i]))) {
+    ++i;
+  }
+  for (; i < text.size() && std::isdigit(static_cast<unsigned char>(text[i])); ++i) {
+    value = value * 10 + (text[i] - '0');
+  }
+  return value;
+}
+
+} // namespace
+
+Installer::Installer(Environment environment) : environment_(std::move(environment)) {
+  if (!environment_.sleep) {
+    environment_.sleep = [](std::chrono::seconds s) { ::sleep(static_cast<unsigned>(s.count())); };
+  }
+}
+
+std::string Installer::unitPath() const {
+  return (fs::path(environment_.paths.machine().localRoot) / "etc/systemd/user" / kUnitName)
+      .lexically_normal()
+      .string();
+}
+
+std::string Installer::unitText(const std::string& program, const std::string& workingDirectory) {
+  // Restart=on-failure restarts after a non-zero exit or a crash and leaves a clean exit alone;
+  // WantedBy=default.target starts it at every log-in.
+  return "[Unit]\n"
+         "Description=Kestrin maintenance agent\n"
+         "\n"
+         "[Service]\n"
+         "Type=simple\n"
+         "ExecStart=" +
+         program +
+         "\n"
+         "WorkingDirectory=" +
+         workingDirectory +
+         "\n"
+         "Restart=on-failure\n"
+         "\n"
+         "[Install]\n"
+         "WantedBy=default.target\n";
+}
+
+std::optional<std::string> Installer::programPath() const {
+  if (environment_.bundlePath) {
+    fs::path inBundle = fs::path(*environment_.bundlePath) / "Contents/MacOS/Kestrin";
+    if (fileExists(inBundle)) {
+      return inBundle.string();
+    }
+  }
+  auto library = environment_.paths.libraryDirectory(false);
+  if (library) {
+    fs::path inPane =
+        fs::path(*library) / "PreferencePanes/Kestrin.prefPane/Contents/MacOS/Kestrin";
+    if (fileExists(inPane)) {
+      return inPane.string();
+    }
+  }
+  return std::nullopt;
+}
+
+bool Installer::writeUnit(const std::string& path, const std::string& text) const {
+  fs::path target(path);
+  fs::path temp = target;
+  temp += ".tmp";
+  {
+    std::ofstream out(temp, std::ios::binary | std::ios::trunc);
+    if (!out || !(out << text) || !out.flush()) {
+      std::error_code ignored;
+      fs::remove(temp, ignored);
+      return false;
+    }
+  }
+  std::error_code ec;
+  fs::rename(temp, target, ec);
+  if (ec) {
+    fs::remove(temp, ec);
+    return false;
+  }
+  return true;
+}
+
+void Installer::setupClient() {
+  try {
+    QVLog::appendLog("Setting up client...");
+    std::optional<std::string> program = programPath();
+    if (!program) {
+      QVLog::console("Error - unable to determine application path. Please report this error to "
+                     "Quorvane.");
+      return;
+    }
+    std::string text = unitText(*program, fs::path(*program).parent_path().string());
+    std::string target = unitPath();
+    std::string unitFolder = fs::path(target).parent_path().string();
+
+    if (!writeUnit(target, text)) {
+      std::string documents = environment_.paths.documentDirectory(true).value_or("");
+      std::string copy = (fs::path(documents) / kUnitName).string();
+      if (documents.empty() || !writeUnit(copy, text)) {
+        QVLog::appendLog("Error: Unable to write LaunchAgent data. Please check you have correct "
+                         "permissions for the directory {}",
+                         unitFolder);
+        return;
+      }
+      if (!environment_.privilegedMove || !environment_.privilegedMove(copy, target)) {
+        QVLog::appendLog("Error: Unable to create LaunchAgent. Please check you have correct "
+                         "permissions for the directory {}",
+                         unitFolder);
+      }
+      environment_.sleep(std::chrono::seconds(1));
+      std::error_code ignored;
+      fs::remove(copy, ignored);
+    }
+
+    // Linux has no wheel group: root's own group stands for it.
+    QVTaskEx::runTask(environment_.tools.path(Tool::Chown), {"root:root", target});
+    QVTaskEx::runTask(environment_.tools.path(Tool::Chmod), {"644", target});
+    QVTaskEx::runTask(
+        environment_.tools.path(Tool::Systemctl),
+        {"--root=" + environment_.paths.machine().localRoot, "--global", "enable", kUnitName});
+    installAuthHelper(*program);
+  } catch (const std::exception& e) {
+    QVLog::appendLogAndPrint("Exception in +[AppController setupClient]. {}", e.what());
+  }
+}
+
+void Installer::installAuthHelper(const std::string& program) const {
+  fs::path helper = fs::path(program).parent_path() / "kestrin-auth";
+  if (!fileExists(helper)) {
+    QVLog::appendLog("Unable to find {}; administrator rights will not be available.",
+                     helper.string());
+    return;
+  }
+  QVTaskEx::runTask(environment_.tools.path(Tool::Chown), {"root:root", helper.string()});
+  QVTaskEx::runTask(environment_.tools.path(Tool::Chmod), {"4755", helper.string()});
+}
+
+void Installer::runClient() {
+  std::optional<std::string> user = environment_.paths.username();
+  if (!user) {
+    QVLog::appendLog("Nobody is logged in at the console; the agent starts at the next log-in.");
+    return;
+  }
+  const std::string& systemctl = environment_.tools.path(Tool::Systemctl);
+  std::string machine = "--machine=" + *user + "@";
+  // Stopping first ends an instance that is already running, so starting gives exactly one
+  // fresh instance; the reload makes the user's manager read the unit just written.
+  QVTaskEx::runTask(systemctl, {"--user", machine, "daemon-reload"});
+  QVTaskEx::runTask(systemctl, {"--user", machine, "stop", kUnitName});
+  environment_.sleep(std::chrono::seconds(3));
+  QVTaskEx::runTask(systemctl, {"--user", machine, "start", kUnitName});
+}
+
+void Installer::cleanupMountedDisks() {
+  const QVLocalPaths& paths = environment_.paths;
+  fs::path root(paths.machine().localRoot);
+  std::vector<fs::path> folders{root / "media"};
+  if (auto user = paths.username()) {
+    folders.push_back(root / "media" / *user);
+    folders.push_back(root / "run/media" / *user);
+  }
+  for (const fs::path& folder : folders) {
+    std::error_code ec;
+    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+      std::string name = it->path().filename().string();
+      // A prefix test, case-sensitive: "Kestrin 2.1" goes, "Old Kestrin" stays.
+      if (name.rfind("Kestrin", 0) != 0) {
+        continue;
+      }
+      QVLog::appendLog("Unmounting disk image {}...", name);
+      QVTaskEx::runTask(environment_.tools.path(Tool::Umount),
+                        {it->path().lexically_normal().string()});
+    }
+  }
+}
+
+void Installer::runSetup() {
+  QVLog::console("Setting up client...");
+  if (::setuid(0) != 0) {
+    // Set-up assumes it was started by root or its installer; carry on as the original does.
+  }
+  setupClient();
+  cleanupMountedDisks();
+  std::string console = environment_.paths.currentConsoleUser().value_or("");
+  std::string id =
+      QVTaskEx::stringFromTask(environment_.tools.path(Tool::Id), {"-u", console}).value_or("");
+  QVLog::console("uid: {}", leadingInteger(id));
+  QVLog::console("Running client...");
+  // The service manager is addressed as the console user's (--machine=USER@) instead of by
+  // switching to that user's id: only root may address another user's manager.
+  runClient();
+}
+
+} // namespace kestrin
