@@ -102,12 +102,24 @@ struct ErrorRecord {
   friend bool operator==(const ErrorRecord&, const ErrorRecord&) = default;
 };
 
-// A reference to an object that lives on the other side of a connection. The transport
-// derives from it; the value type only carries it and compares by identity.
+class Value;
+
+// An object that can be called by selector: a proxy for an object on the other side of a
+// connection, or a local object that is handed to a peer (the peer then sees a proxy). The
+// value type only carries it and compares by identity; the transport derives from it.
+//
+// Selectors keep their colons ("setErrorCallback:"); arguments are positional. invoke() and
+// respondsTo() may be called from any thread and block until the answer arrives. Failures
+// throw kestrin::NamedException: kInvalidSendPortException when the peer's connection is gone,
+// kPortTimeoutException when the answer exceeds the connection's reply time limit, and the
+// callee's own exception name and reason when the callee raised one (an unknown selector or a
+// wrong argument arrives as "NSInvalidArgumentException").
 class RemoteObject {
 public:
   virtual ~RemoteObject();
   virtual std::string description() const = 0;
+  virtual Value invoke(const std::string& selector, std::vector<Value> arguments) = 0;
+  virtual bool respondsTo(const std::string& selector) = 0;
 };
 using ObjectRef = std::shared_ptr<RemoteObject>;
 
