@@ -3,12 +3,18 @@
 #include <filesystem>
 #include <iostream>
 
+#include <climits>
+
+#include <fmt/format.h>
 #include <unistd.h>
 
+#include "app/ControllerObject.h"
 #include "app/MainLoop.h"
+#include "foundation/QVException.h"
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
 #include "foundation/QVTaskEx.h"
+#include "operations/OperationTable.h"
 #include "plist/PropertyList.h"
 
 namespace kestrin {
@@ -26,9 +32,19 @@ std::string preferencePath(const QVLocalPaths& paths) {
 } // namespace
 
 AppController::AppController(Environment environment)
-    : environment_(std::move(environment)), preferences_(preferencePath(environment_.paths)) {}
+    : environment_(std::move(environment)), preferences_(preferencePath(environment_.paths)),
+      exceptionGuard_([this] { return isQuitting(); },
+                      [this](double seconds) { reconnectWithTimeInterval(seconds); }),
+      errorChannel_({environment_.mainLoop, exceptionGuard_, [this] { return hostName(); }}),
+      rootObject_(std::make_shared<ControllerObject>(
+          *this, operations::OperationTable::agentOperations())) {}
 
 AppController::~AppController() {
+  {
+    std::lock_guard lock(quitMutex_);
+    isQuitting_ = true;
+  }
+  quitCondition_.notify_all();
   std::vector<std::thread> threads;
   {
     std::lock_guard lock(threadsMutex_);
@@ -99,6 +115,7 @@ void AppController::startService() {
 
 void AppController::stopService() {
   std::lock_guard lock(serviceMutex_);
+  errorChannel_.performErrorCallbackSelector("willDisconnect:", hostName());
   if (!isRelaunching_) {
     updateStatus("Disconnecting...");
   }
@@ -122,12 +139,59 @@ void AppController::loadSettings() {
   availableUpdateCountLastUpdate_ = std::move(lastUpdate);
 }
 
+void AppController::reconnectWithTimeInterval(double seconds) {
+  if (willReconnect_.exchange(true)) {
+    return;
+  }
+  startThread([this, seconds] { reconnectOnThread(seconds); });
+}
+
+void AppController::reconnectOnThread(double seconds) {
+  try {
+    updateStatus("Disconnecting...");
+    stopService();
+    long whole = static_cast<long>(seconds);
+    updateStatus(fmt::format("Reconnecting in {} seconds...", whole));
+    std::cout << "Reconnecting in " << whole << " seconds..." << std::endl;
+    if (sleepUnlessQuitting(static_cast<double>(whole))) {
+      startService();
+    }
+  } catch (const std::exception& e) {
+    QVException::logException(e, "-[AppController reconnectOnThread:]");
+  }
+  willReconnect_ = false;
+}
+
+bool AppController::sleepUnlessQuitting(double seconds) {
+  std::unique_lock lock(quitMutex_);
+  auto until = std::chrono::steady_clock::now() +
+               std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
+  return !quitCondition_.wait_until(lock, until, [this] { return isQuitting_.load(); });
+}
+
+std::string AppController::hostName() const {
+  char name[HOST_NAME_MAX + 1] = {};
+  ::gethostname(name, sizeof name - 1);
+  std::string host = name;
+  if (host.find('.') == std::string::npos) {
+    host += ".local";
+  }
+  if (host.empty() || host.back() != '.') {
+    host += '.';
+  }
+  return host;
+}
+
 // ---- ending
 
 void AppController::disconnect() {
   try {
     QVLog::appendLog("Preparing to disconnect...");
-    isQuitting_ = true;
+    {
+      std::lock_guard lock(quitMutex_);
+      isQuitting_ = true;
+    }
+    quitCondition_.notify_all();
     stopService();
     environment_.mainLoop.runOnMainThreadAndWait(
         [] { QVLog::appendLog("Hiding menu bar item..."); });
@@ -171,7 +235,11 @@ void AppController::disconnectAllOtherInstances() {
 
 void AppController::terminate(int signal) {
   QVLog::appendLog("Received signal {}. Stopping...", signal);
-  isQuitting_ = true;
+  {
+    std::lock_guard lock(quitMutex_);
+    isQuitting_ = true;
+  }
+  quitCondition_.notify_all();
   stopService();
   QVLog::sharedController().willTerminate();
 }

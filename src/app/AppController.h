@@ -1,13 +1,17 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "app/ErrorChannel.h"
+#include "app/ExceptionGuard.h"
 #include "app/PreferenceFile.h"
 #include "plist/Value.h"
 
@@ -78,6 +82,18 @@ public:
   void updateStatus(const std::string& status);
   std::string statusString() const;
 
+  // ---- remote service
+  // The object that the listening endpoint vends.
+  plist::ObjectRef rootObject() { return rootObject_; }
+  ErrorChannel& errorChannel() { return errorChannel_; }
+  const ExceptionGuard& exceptionGuard() const { return exceptionGuard_; }
+  // Schedules one restart of the whole service after the interval; does nothing while one is
+  // pending.
+  void reconnectWithTimeInterval(double seconds);
+  // The agent's name for itself ("name.local."), the first argument of most events.
+  std::string hostName() const;
+  bool isConnected() const { return isConnected_; }
+
   // ---- state that other parts read
   bool isQuitting() const { return isQuitting_; }
   bool isRelaunching() const { return isRelaunching_; }
@@ -88,6 +104,9 @@ public:
 private:
   // Starts fn on a thread of its own; the destructor joins it.
   void startThread(std::function<void()> fn);
+  void reconnectOnThread(double seconds);
+  // Sleeps for the interval or until the agent starts quitting. Answers false when quitting.
+  bool sleepUnlessQuitting(double seconds);
 
   Environment environment_;
   PreferenceFile preferences_;
@@ -109,6 +128,13 @@ private:
 
   std::mutex threadsMutex_;
   std::vector<std::thread> threads_;
+
+  std::mutex quitMutex_;
+  std::condition_variable quitCondition_;
+
+  ExceptionGuard exceptionGuard_;
+  ErrorChannel errorChannel_;
+  plist::ObjectRef rootObject_;
 };
 
 } // namespace kestrin

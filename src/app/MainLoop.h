@@ -1,6 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -32,6 +34,13 @@ public:
   bool runOnMainThreadAndWait(const std::function<void()>& fn);
 
   bool isMainThread() const;
+
+  // One-shot timers on the main thread. fn runs on the main thread after the delay unless the
+  // timer is cancelled first. Both may be called from any thread; cancelling a timer that has
+  // fired or was never armed does nothing. Answers 0 (and arms nothing) once the loop has ended.
+  using TimerId = std::uint64_t;
+  TimerId runAfter(std::chrono::milliseconds delay, std::function<void()> fn);
+  void cancelTimer(TimerId id);
 
 private:
   struct Impl;

@@ -31,4 +31,13 @@ inline constexpr std::string_view kInvalidSendPortException = "NSInvalidSendPort
 // What a failed tool launch is called in logs, as the platform's task launcher named it.
 inline constexpr std::string_view kInvalidArgumentException = "NSInvalidArgumentException";
 
+// A remote caller passed the wrong number or kind of arguments. The exception guard of the remote
+// operations lets it through to the caller instead of answering a neutral value, so the admin
+// side learns what it did wrong.
+class ArgumentError : public NamedException {
+public:
+  explicit ArgumentError(const std::string& reason)
+      : NamedException(std::string(kInvalidArgumentException), reason) {}
+};
+
 } // namespace kestrin

@@ -7,6 +7,7 @@
 #include "app/MainLoop.h"
 #include "fixtures/ThrowawayMachine.h"
 #include "plist/PropertyList.h"
+#include "support/NamedException.h"
 
 namespace kestrin {
 namespace {
@@ -117,6 +118,31 @@ TEST_F(AppControllerTest, RelaunchWithoutAnExecutableOnlyLogs) {
                                    (bundle / "Contents/MacOS/Kestrin").string() +
                                    " doesn't exist."),
             std::string::npos);
+}
+
+TEST_F(AppControllerTest, RootObjectAnswersClearErrorsForUnknownSelectorsAndBadArguments) {
+  AppController controller(environment());
+  plist::ObjectRef root = controller.rootObject();
+  auto errorOf = [&](const std::string& selector, std::vector<Value> arguments) -> std::string {
+    try {
+      root->invoke(selector, std::move(arguments));
+    } catch (const ArgumentError& e) {
+      return e.what();
+    }
+    return "no error";
+  };
+  EXPECT_EQ(errorOf("noSuchThing:", {Value(1)}),
+            "AppController does not respond to selector noSuchThing:");
+  EXPECT_EQ(errorOf("setErrorCallback:", {}), "setErrorCallback: takes 1 argument(s), not 0");
+  EXPECT_EQ(errorOf("setErrorCallback:", {Value("me")}),
+            "argument 1 of setErrorCallback: must be an object, not a string");
+  EXPECT_EQ(errorOf("postErrorWithCode:infoString:", {Value(plist::Array{}), Value()}),
+            "argument 1 of postErrorWithCode:infoString: must be a number, not an array");
+
+  EXPECT_TRUE(root->respondsTo("setErrorCallback:"));
+  EXPECT_FALSE(root->respondsTo("setErrorCallback"));
+  EXPECT_EQ(root->invoke("clientVersion", {}), Value("321"));
+  EXPECT_TRUE(root->invoke("ping", {}).isNull());
 }
 
 } // namespace

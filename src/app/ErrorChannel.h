@@ -1,0 +1,113 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/MainLoop.h"
+#include "plist/Value.h"
+
+namespace kestrin {
+
+class ExceptionGuard;
+
+// The way back to the administration application: the error-callback objects that admins
+// register, the events sent to all of them, the finished-task deadline, the fan-out and join
+// of worker threads, and the handlers of the local tools' notifications.
+//
+// Every event goes to every registered callback in registration order. A callback whose call
+// fails with a named exception (its connection is gone) is dropped; a callback that lacks the
+// selector ends the delivery of that event (the event is lost for the rest), which the admin
+// side avoids by implementing every selector.
+//
+// Thread-safe: the callback list and the result dictionary are replaced whole under a mutex
+// and read as snapshots, so no call to a remote object happens under a lock.
+class ErrorChannel {
+public:
+  struct Environment {
+    MainLoop& mainLoop;
+    const ExceptionGuard& guard;
+    // The agent's name for itself, the first argument of most events.
+    std::function<std::string()> hostName;
+  };
+
+  static constexpr const char* kErrorDomain = "ambrantDomain";
+
+  explicit ErrorChannel(Environment environment);
+  ~ErrorChannel();
+  ErrorChannel(const ErrorChannel&) = delete;
+  ErrorChannel& operator=(const ErrorChannel&) = delete;
+
+  // ---- callbacks
+  void setErrorCallback(const plist::ObjectRef& callback);
+  // Sends selector to every callback with as many of the two objects as it has colons.
+  void performErrorCallbackSelector(const std::string& selector, const plist::Value& first = {},
+                                    const plist::Value& second = {});
+  std::vector<plist::ObjectRef> errorCallbacks() const;
+
+  // ---- events
+  void postError(const plist::ErrorRecord& error);
+  // userInfo: a dictionary or null.
+  void postError(const plist::ErrorRecord& error, const plist::Value& userInfo);
+  void postErrorWithCode(std::int64_t code, const std::optional<std::string>& info);
+  void postErrorString(const std::string& message);
+  void postErrorString(const std::string& message, const plist::Value& userInfo);
+  void incrementRemoteProgress();
+
+  // ---- finished-task deadline
+  void shouldPostFinishedTaskWithTimeout(double seconds);
+  void postFinishedTask();
+  void taskFinishTimeout();
+  void invalidateTaskFinishTimeoutTimer();
+  bool shouldPostFinishedTask() const { return shouldPostFinishedTask_; }
+
+  // ---- fan-out and join
+  void cancelProcessing() { processingCancelled_ = true; }
+  bool processingCancelled() const { return processingCancelled_; }
+  void setProcessingCancelled(bool cancelled) { processingCancelled_ = cancelled; }
+  // Starts a fan-out: clears the cancel flag, marks processing, empties the result dictionary.
+  void beginProcessing();
+  bool isProcessing() const;
+  std::int32_t taskThreadCount() const;
+  void incrementTaskThreadCount();
+  void decrementTaskThreadCount();
+  // Blocks until the last worker has ended. Refuses (logs and returns) on the main thread,
+  // which must never block.
+  void waitOnProcessing();
+  void threadedObjectDictSetObject(const plist::Value& object, const plist::Value& key);
+  void resetThreadedObjectDict();
+  plist::Dictionary threadedObjectDict() const;
+
+  // ---- notifications of the maker's tools on this machine
+  void taskIncrementProgress(const plist::Dictionary& userInfo);
+  void taskFinished(const plist::Dictionary& userInfo);
+  void taskError(const plist::Dictionary& userInfo);
+
+private:
+  void replaceCallbacksWithout(const std::vector<plist::ObjectRef>& snapshot,
+                               const std::vector<plist::ObjectRef>& dead);
+
+  Environment environment_;
+
+  mutable std::mutex callbacksMutex_;
+  std::shared_ptr<const std::vector<plist::ObjectRef>> callbacks_;
+
+  std::atomic<bool> shouldPostFinishedTask_{false};
+  std::mutex timerMutex_;
+  MainLoop::TimerId taskFinishTimeoutTimer_ = 0;
+
+  std::atomic<bool> processingCancelled_{false};
+  mutable std::mutex processingMutex_;
+  std::condition_variable condition_;
+  bool isProcessing_ = false;
+  std::int32_t taskThreadCount_ = 0;
+  plist::Dictionary threadedObjectDict_;
+};
+
+} // namespace kestrin
