@@ -27,6 +27,11 @@ void addControllerOperations(OperationTable& table) {
         return plist::Value(controller.hostName());
       },
       "Unknown");
+  // Ends the agent: local tools ask for it through the callback endpoint ("postDisconnect").
+  table.add("disconnect", [](AppController& controller, const Arguments&) {
+    controller.disconnect();
+    return plist::Value();
+  });
   table.add(
       "isConnected",
       [](AppController& controller, const Arguments&) {

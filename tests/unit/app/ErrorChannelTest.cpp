@@ -231,3 +231,29 @@ TEST(ExceptionGuard, LogsNamedExceptionsAnswersNeutralAndReconnectsOnlyOnTimeout
 
 } // namespace
 } // namespace kestrin
+
+#include "app/QVErrorCallbackObj.h"
+
+namespace kestrin {
+namespace {
+
+TEST(QVErrorCallbackObj, ForwardsTheToolsCallsToTheControllerAndSkipsWhatItLacks) {
+  MainLoop loop;
+  auto controller = std::make_shared<testing::RecordingObject>(
+      std::set<std::string>{"postErrorString:", "disconnect"}, "controller");
+  QVErrorCallbackObj forwarder(controller, loop);
+
+  forwarder.invoke("postErrorString:", {Value("Cache volume missing")});
+  forwarder.invoke("postDisconnect", {});
+  forwarder.invoke("incrementRemoteProgress", {}); // the controller lacks it: skipped
+  forwarder.invoke("postError:userInfo:", {});     // likewise, however it was called
+  EXPECT_THAT(controller->selectorsCalled(), ElementsAre("postErrorString:", "disconnect"));
+  EXPECT_THAT(controller->calls()[0].arguments, ElementsAre(Value("Cache volume missing")));
+
+  EXPECT_TRUE(forwarder.respondsTo("postFinishedTask"));
+  EXPECT_FALSE(forwarder.respondsTo("disconnect"));
+  EXPECT_THROW(forwarder.invoke("format:", {Value(1)}), ArgumentError);
+}
+
+} // namespace
+} // namespace kestrin
