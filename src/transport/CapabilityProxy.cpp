@@ -1,0 +1,150 @@
+#include "transport/CapabilityProxy.h"
+
+#include <optional>
+
+#include <fmt/format.h>
+
+#include "support/NamedException.h"
+#include "transport/ConnectionState.h"
+#include "transport/ValueCodec.h"
+
+namespace kestrin::transport {
+
+namespace {
+
+constexpr const char* kReceiveException = "NSPortReceiveException";
+
+[[noreturn]] void throwGone() {
+  throw NamedException(std::string(kInvalidSendPortException),
+                       "the connection to the remote object is gone");
+}
+
+// Runs the call on the loop thread and turns the transport's failures into the named
+// exceptions that the controller's convention understands.
+template <typename Func> void onLoop(ConnectionState& state, Func&& func) {
+  try {
+    state.executor->executeSync(kj::fwd<Func>(func));
+  } catch (const kj::Exception& e) {
+    if (e.getType() == kj::Exception::Type::DISCONNECTED || !state.alive) {
+      throwGone();
+    }
+    throw NamedException(kReceiveException, std::string(e.getDescription().cStr()));
+  }
+}
+
+// Resolves when the answer arrives or, with a reply limit, when the limit passes first; the
+// caller then finds timedOut set. The late answer is dropped with the abandoned request.
+kj::Promise<void> withReplyLimit(ConnectionState& state, kj::Promise<void> answered,
+                                 bool& timedOut) {
+  std::int64_t limit = state.replyTimeoutMs;
+  if (limit <= 0) {
+    return answered;
+  }
+  return answered.exclusiveJoin(
+      state.timer->afterDelay(limit * kj::MILLISECONDS).then([&timedOut]() { timedOut = true; }));
+}
+
+} // namespace
+
+CapabilityProxy::~CapabilityProxy() {
+  auto release = [state = state_.get(), id = id_, hook = hook_] {
+    state->imports.erase(id);
+    auto found = state->proxiesByHook.find(hook);
+    if (found != state->proxiesByHook.end() && found->second.expired()) {
+      state->proxiesByHook.erase(found);
+    }
+  };
+  if (state_->onLoopThread()) {
+    release();
+    return;
+  }
+  if (!state_->alive) {
+    return; // the loop dropped everything already
+  }
+  try {
+    state_->executor->executeSync(release);
+  } catch (const kj::Exception&) {
+    // The loop ended meanwhile and took the entry with it.
+  }
+}
+
+std::string CapabilityProxy::description() const {
+  return fmt::format("<remote object {}>", id_);
+}
+
+void CapabilityProxy::checkCallable() const {
+  if (!state_->alive) {
+    throwGone();
+  }
+  if (state_->onLoopThread()) {
+    // The answer could only arrive on this very thread, which would be waiting for it.
+    throw NamedException("NSInternalInconsistencyException",
+                         "a remote object was called on its own connection's thread");
+  }
+}
+
+plist::Value CapabilityProxy::invoke(const std::string& selector,
+                                     std::vector<plist::Value> arguments) {
+  checkCallable();
+  for (const plist::Value& argument : arguments) {
+    checkDepth(argument);
+  }
+  plist::Value result;
+  std::optional<std::pair<std::string, std::string>> raised;
+  bool timedOut = false;
+  ConnectionState& state = *state_;
+  onLoop(state, [&]() -> kj::Promise<void> {
+    auto found = state.imports.find(id_);
+    if (found == state.imports.end()) {
+      return KJ_EXCEPTION(DISCONNECTED, "remote object released");
+    }
+    auto request = found->second.invokeRequest();
+    request.setSelector(selector);
+    auto list = request.initArguments(static_cast<unsigned>(arguments.size()));
+    for (unsigned i = 0; i < arguments.size(); ++i) {
+      encodeValue(arguments[i], list[i], state);
+    }
+    auto answered = request.send().then([&](capnp::Response<wire::RemoteObject::InvokeResults> r) {
+      result = decodeValue(r.getResult(), state);
+      if (r.hasRaised() && r.getRaised().getName().size() > 0) {
+        raised.emplace(r.getRaised().getName().cStr(), r.getRaised().getReason().cStr());
+      }
+    });
+    return withReplyLimit(state, kj::mv(answered), timedOut);
+  });
+  if (timedOut) {
+    throw NamedException(std::string(kPortTimeoutException),
+                         fmt::format("no reply to {} within the time limit", selector));
+  }
+  if (raised) {
+    throw NamedException(raised->first, raised->second);
+  }
+  return result;
+}
+
+bool CapabilityProxy::respondsTo(const std::string& selector) {
+  checkCallable();
+  bool responds = false;
+  bool timedOut = false;
+  ConnectionState& state = *state_;
+  onLoop(state, [&]() -> kj::Promise<void> {
+    auto found = state.imports.find(id_);
+    if (found == state.imports.end()) {
+      return KJ_EXCEPTION(DISCONNECTED, "remote object released");
+    }
+    auto request = found->second.respondsToRequest();
+    request.setSelector(selector);
+    auto answered =
+        request.send().then([&](capnp::Response<wire::RemoteObject::RespondsToResults> r) {
+          responds = r.getResponds();
+        });
+    return withReplyLimit(state, kj::mv(answered), timedOut);
+  });
+  if (timedOut) {
+    throw NamedException(std::string(kPortTimeoutException),
+                         fmt::format("no reply to respondsTo {} within the time limit", selector));
+  }
+  return responds;
+}
+
+} // namespace kestrin::transport

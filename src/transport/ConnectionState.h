@@ -1,0 +1,57 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <thread>
+
+#include <capnp/capability.h>
+#include <kj/async.h>
+#include <kj/debug.h>
+#include <kj/timer.h>
+
+#include "plist/Value.h"
+#include "transport/remote.capnp.h"
+
+namespace kestrin::transport {
+
+class CapabilityProxy;
+
+// What one two-party connection shares between its loop thread and the threads that call its
+// proxies. The maps and the timer belong to the loop thread; other threads reach them only
+// inside executor->executeSync. alive and replyTimeout may be read anywhere.
+struct ConnectionState : std::enable_shared_from_this<ConnectionState> {
+  ConnectionState(kj::Own<const kj::Executor> executor, kj::Timer& timer)
+      : executor(kj::mv(executor)), loopThread(std::this_thread::get_id()), timer(&timer) {}
+
+  bool onLoopThread() const { return std::this_thread::get_id() == loopThread; }
+
+  // ---- any thread
+  kj::Own<const kj::Executor> executor;
+  const std::thread::id loopThread;
+  std::atomic<bool> alive{true};
+  std::atomic<std::int64_t> replyTimeoutMs{0}; // 0: no limit
+
+  // ---- loop thread only
+  kj::Timer* timer;
+  std::uint64_t nextId = 1;
+  // The peer's objects that proxies on our side stand for, by proxy id.
+  std::map<std::uint64_t, wire::RemoteObject::Client> imports;
+  // One proxy per peer object while the proxy lives, so that the same object arriving twice
+  // compares equal.
+  std::map<const void*, std::weak_ptr<CapabilityProxy>> proxiesByHook;
+  // Our objects that the peer was given, so that each is exported once per connection.
+  std::map<const plist::RemoteObject*, wire::RemoteObject::Client> exports;
+
+  // Forgets everything the connection holds; on the loop thread, when it ends.
+  void drop() {
+    alive = false;
+    imports.clear();
+    proxiesByHook.clear();
+    exports.clear();
+  }
+};
+
+} // namespace kestrin::transport

@@ -1,0 +1,141 @@
+#include "transport/RpcClient.h"
+
+#include <future>
+#include <mutex>
+#include <thread>
+
+#include <capnp/message.h>
+#include <capnp/rpc-twoparty.h>
+#include <fmt/format.h>
+#include <kj/async-io.h>
+
+#include "transport/ConnectionState.h"
+#include "transport/ValueCodec.h"
+
+namespace kestrin::transport {
+
+struct RpcClient::Impl : kj::TaskSet::ErrorHandler {
+  std::thread thread;
+  std::mutex mutex;
+  kj::Own<kj::CrossThreadPromiseFulfiller<void>> stopFulfiller; // under mutex
+  std::function<void()> disconnectHandler;                      // under mutex
+  bool stopped = false;                                         // under mutex
+  std::shared_ptr<ConnectionState> state;
+  plist::ObjectRef root;
+
+  void taskFailed(kj::Exception&&) override {}
+
+  void run(const std::string& address, std::chrono::milliseconds timeout,
+           std::promise<Expected<void>>& ready) {
+    try {
+      kj::AsyncIoContext io = kj::setupAsyncIo();
+      auto paf = kj::newPromiseAndCrossThreadFulfiller<void>();
+      {
+        std::lock_guard lock(mutex);
+        stopFulfiller = kj::mv(paf.fulfiller);
+      }
+      kj::Timer& timer = io.provider->getTimer();
+      auto connecting = io.provider->getNetwork().parseAddress(address).then(
+          [](kj::Own<kj::NetworkAddress> resolved) { return resolved->connect(); });
+      kj::Own<kj::AsyncIoStream> stream =
+          timer.timeoutAfter(timeout.count() * kj::MILLISECONDS, kj::mv(connecting))
+              .wait(io.waitScope);
+
+      state = std::make_shared<ConnectionState>(kj::getCurrentThreadExecutor().addRef(), timer);
+      capnp::TwoPartyVatNetwork network(*stream, capnp::rpc::twoparty::Side::CLIENT);
+      auto rpcSystem = capnp::makeRpcClient(network);
+      capnp::MallocMessageBuilder vatIdMessage;
+      auto vatId = vatIdMessage.initRoot<capnp::rpc::twoparty::VatId>();
+      vatId.setSide(capnp::rpc::twoparty::Side::SERVER);
+      root = importObject(rpcSystem.bootstrap(vatId).castAs<wire::RemoteObject>(), *state);
+
+      kj::TaskSet tasks(*this);
+      tasks.add(network.onDisconnect().then([this]() {
+        state->drop();
+        std::function<void()> handler;
+        {
+          std::lock_guard lock(mutex);
+          handler = disconnectHandler;
+        }
+        if (handler) {
+          handler();
+        }
+      }));
+      ready.set_value({});
+      paf.promise.wait(io.waitScope);
+      state->drop();
+    } catch (const kj::Exception& e) {
+      if (state) {
+        state->drop();
+      }
+      try {
+        ready.set_value(
+            Failure{fmt::format("cannot connect to {}: {}", address, e.getDescription().cStr())});
+      } catch (const std::future_error&) {
+        // Connected earlier; the failure came later and ended the connection.
+      }
+    }
+  }
+};
+
+RpcClient::RpcClient(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+RpcClient::~RpcClient() {
+  {
+    std::lock_guard lock(impl_->mutex);
+    impl_->stopped = true;
+    impl_->disconnectHandler = nullptr;
+    if (impl_->stopFulfiller) {
+      impl_->stopFulfiller->fulfill();
+    }
+  }
+  if (impl_->thread.joinable()) {
+    impl_->thread.join();
+  }
+}
+
+Expected<std::unique_ptr<RpcClient>> RpcClient::connectAddress(const std::string& address,
+                                                               std::chrono::milliseconds timeout) {
+  auto impl = std::make_unique<Impl>();
+  std::promise<Expected<void>> ready;
+  auto connected = ready.get_future();
+  Impl* raw = impl.get();
+  raw->thread = std::thread([raw, address, timeout, &ready] { raw->run(address, timeout, ready); });
+  Expected<void> outcome = connected.get();
+  if (!outcome) {
+    raw->thread.join();
+    return outcome.failure();
+  }
+  return std::unique_ptr<RpcClient>(new RpcClient(std::move(impl)));
+}
+
+Expected<std::unique_ptr<RpcClient>> RpcClient::connectTcp(const std::string& host, int port,
+                                                           std::chrono::milliseconds timeout) {
+  bool ipv6 = host.find(':') != std::string::npos;
+  return connectAddress(
+      ipv6 ? fmt::format("[{}]:{}", host, port) : fmt::format("{}:{}", host, port), timeout);
+}
+
+Expected<std::unique_ptr<RpcClient>> RpcClient::connectUnix(const std::string& path,
+                                                            std::chrono::milliseconds timeout) {
+  return connectAddress("unix:" + path, timeout);
+}
+
+plist::ObjectRef RpcClient::root() const {
+  return impl_->root;
+}
+
+bool RpcClient::isConnected() const {
+  return impl_->state && impl_->state->alive;
+}
+
+void RpcClient::setDisconnectHandler(std::function<void()> handler) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->disconnectHandler = std::move(handler);
+}
+
+void RpcClient::setReplyTimeout(std::chrono::milliseconds timeout) {
+  impl_->state->replyTimeoutMs = timeout.count();
+}
+
+} // namespace kestrin::transport

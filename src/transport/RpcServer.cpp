@@ -1,0 +1,203 @@
+#include "transport/RpcServer.h"
+
+#include <atomic>
+#include <future>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <capnp/rpc-twoparty.h>
+#include <kj/async-io.h>
+
+#include "transport/ConnectionState.h"
+#include "transport/LocalObjectServer.h"
+
+namespace kestrin::transport {
+
+namespace {
+
+PeerInfo peerOf(kj::AsyncIoStream& stream) {
+  PeerInfo peer;
+  sockaddr_storage address{};
+  kj::uint length = sizeof address;
+  try {
+    stream.getpeername(reinterpret_cast<sockaddr*>(&address), &length);
+  } catch (const kj::Exception&) {
+    return peer;
+  }
+  char text[INET6_ADDRSTRLEN] = {};
+  if (address.ss_family == AF_INET) {
+    auto* in = reinterpret_cast<sockaddr_in*>(&address);
+    inet_ntop(AF_INET, &in->sin_addr, text, sizeof text);
+    peer.address = text;
+    peer.port = ntohs(in->sin_port);
+  } else if (address.ss_family == AF_INET6) {
+    auto* in6 = reinterpret_cast<sockaddr_in6*>(&address);
+    inet_ntop(AF_INET6, &in6->sin6_addr, text, sizeof text);
+    peer.address = text;
+    peer.port = ntohs(in6->sin6_port);
+  } else {
+    peer.address = "local";
+    KJ_IF_MAYBE (fd, stream.getFd()) {
+      ucred credentials{};
+      socklen_t size = sizeof credentials;
+      if (::getsockopt(*fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0) {
+        peer.pid = credentials.pid;
+        peer.uid = credentials.uid;
+      }
+    }
+  }
+  return peer;
+}
+
+// One accepted connection. Members are destroyed bottom-up: the RPC system before the network
+// before the stream it reads.
+struct ServerConnection {
+  ServerConnection(kj::Own<kj::AsyncIoStream> s, std::shared_ptr<ConnectionState> st,
+                   const plist::ObjectRef& root)
+      : stream(kj::mv(s)), state(std::move(st)),
+        network(*stream, capnp::rpc::twoparty::Side::SERVER),
+        rpcSystem(capnp::makeRpcServer(
+            network, wire::RemoteObject::Client(kj::heap<LocalObjectServer>(root, state)))) {}
+  ~ServerConnection() { state->drop(); }
+
+  kj::Own<kj::AsyncIoStream> stream;
+  std::shared_ptr<ConnectionState> state;
+  capnp::TwoPartyVatNetwork network;
+  capnp::RpcSystem<capnp::rpc::twoparty::VatId> rpcSystem;
+};
+
+} // namespace
+
+struct RpcServer::Impl : kj::TaskSet::ErrorHandler {
+  std::thread thread;
+  std::mutex mutex;
+  kj::Own<kj::CrossThreadPromiseFulfiller<void>> stopFulfiller; // under mutex
+  bool stopped = false;                                         // under mutex
+  std::atomic<std::size_t> connectionCount{0};
+
+  // ---- loop thread only
+  plist::ObjectRef root;
+  Delegate* delegate = nullptr;
+  kj::AsyncIoContext* io = nullptr;
+  std::map<std::uint64_t, kj::Own<ServerConnection>> connections;
+  std::uint64_t nextConnection = 1;
+  kj::Maybe<kj::TaskSet> tasks;
+
+  void taskFailed(kj::Exception&&) override {} // a connection's end is handled where it ends
+
+  kj::Promise<void> acceptLoop(kj::ConnectionReceiver& listener) {
+    return listener.accept().then([this, &listener](kj::Own<kj::AsyncIoStream> stream) {
+      accept(kj::mv(stream));
+      return acceptLoop(listener);
+    });
+  }
+
+  void accept(kj::Own<kj::AsyncIoStream> stream) {
+    PeerInfo peer = peerOf(*stream);
+    if (delegate != nullptr && !delegate->shouldAcceptConnection(peer)) {
+      return; // dropping the stream closes it before anything was read
+    }
+    auto state = std::make_shared<ConnectionState>(kj::getCurrentThreadExecutor().addRef(),
+                                                   io->provider->getTimer());
+    std::uint64_t id = nextConnection++;
+    auto connection = kj::heap<ServerConnection>(kj::mv(stream), state, root);
+    auto& network = connection->network;
+    connections.emplace(id, kj::mv(connection));
+    ++connectionCount;
+    if (delegate != nullptr) {
+      delegate->connectionDidInitialize(peer);
+    }
+    KJ_ASSERT_NONNULL(tasks).add(network.onDisconnect().then([this, id]() {
+      // Not from inside the network's own callback: a turn later.
+      return kj::evalLater([this, id]() {
+        if (connections.erase(id) > 0) {
+          --connectionCount;
+        }
+      });
+    }));
+  }
+
+  void run(int fd, std::promise<Expected<void>>& ready) {
+    try {
+      kj::AsyncIoContext context = kj::setupAsyncIo();
+      io = &context;
+      auto paf = kj::newPromiseAndCrossThreadFulfiller<void>();
+      {
+        std::lock_guard lock(mutex);
+        stopFulfiller = kj::mv(paf.fulfiller);
+      }
+      auto listener = context.lowLevelProvider->wrapListenSocketFd(
+          fd, kj::LowLevelAsyncIoProvider::TAKE_OWNERSHIP);
+      tasks.emplace(*this);
+      KJ_ASSERT_NONNULL(tasks).add(acceptLoop(*listener).catch_([this](kj::Exception&& e) {
+        if (delegate != nullptr) {
+          delegate->serverDidDie(e.getDescription().cStr());
+        }
+      }));
+      ready.set_value({});
+      paf.promise.wait(context.waitScope);
+      connections.clear();
+      connectionCount = 0;
+      tasks = nullptr;
+      listener = nullptr;
+      io = nullptr;
+    } catch (const kj::Exception& e) {
+      ready.set_value(Failure{e.getDescription().cStr()});
+    }
+  }
+};
+
+RpcServer::RpcServer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+RpcServer::~RpcServer() {
+  stop();
+}
+
+Expected<std::unique_ptr<RpcServer>> RpcServer::start(platform::FileDescriptor listeningSocket,
+                                                      plist::ObjectRef root, Delegate* delegate) {
+  if (!listeningSocket.valid()) {
+    return Failure{"no listening socket"};
+  }
+  auto impl = std::make_unique<Impl>();
+  impl->root = std::move(root);
+  impl->delegate = delegate;
+  std::promise<Expected<void>> ready;
+  auto started = ready.get_future();
+  Impl* raw = impl.get();
+  int fd = listeningSocket.release();
+  raw->thread = std::thread([raw, fd, &ready] { raw->run(fd, ready); });
+  Expected<void> outcome = started.get();
+  if (!outcome) {
+    raw->thread.join();
+    return outcome.failure();
+  }
+  return std::unique_ptr<RpcServer>(new RpcServer(std::move(impl)));
+}
+
+void RpcServer::stop() {
+  {
+    std::lock_guard lock(impl_->mutex);
+    if (impl_->stopped) {
+      return;
+    }
+    impl_->stopped = true;
+    if (impl_->stopFulfiller) {
+      impl_->stopFulfiller->fulfill();
+    }
+  }
+  if (impl_->thread.joinable()) {
+    impl_->thread.join();
+  }
+}
+
+std::size_t RpcServer::connectionCount() const {
+  return impl_->connectionCount;
+}
+
+} // namespace kestrin::transport

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <sys/types.h>
+
+#include "platform/FileDescriptor.h"
+#include "plist/Value.h"
+#include "support/Expected.h"
+
+namespace kestrin::transport {
+
+// Who is knocking: the address of a TCP peer, or the process of a Unix-domain peer.
+struct PeerInfo {
+  std::string address; // "192.168.1.20", "::1", or "local" for a Unix-domain peer
+  int port = 0;
+  std::optional<pid_t> pid;
+  std::optional<uid_t> uid;
+};
+
+// Serves one root object on a listening socket, from a thread of its own with its own event
+// loop. Every accepted connection gets the root object; every call runs on a worker thread
+// (see LocalObjectServer), so slow calls never hold up other callers.
+class RpcServer {
+public:
+  // Called on the server's thread: keep them short and never stop the server from inside.
+  class Delegate {
+  public:
+    virtual ~Delegate() = default;
+    // Refusing drops the connection before the peer can call anything.
+    virtual bool shouldAcceptConnection(const PeerInfo& peer) = 0;
+    virtual void connectionDidInitialize(const PeerInfo& /*peer*/) {}
+    // The listening socket failed: the server accepts nothing more. Not called by stop().
+    virtual void serverDidDie(const std::string& reason) = 0;
+  };
+
+  // Takes over a bound and listening TCP or Unix-domain socket. delegate may be null (every
+  // connection accepted) and must outlive the server.
+  static Expected<std::unique_ptr<RpcServer>> start(platform::FileDescriptor listeningSocket,
+                                                    plist::ObjectRef root, Delegate* delegate);
+  ~RpcServer();
+  RpcServer(const RpcServer&) = delete;
+  RpcServer& operator=(const RpcServer&) = delete;
+
+  // Stops accepting, drops every connection and joins the server's thread. Calls that are
+  // running finish on their workers, and their answers go nowhere. Safe to call twice, from any
+  // thread but the server's.
+  void stop();
+
+  std::size_t connectionCount() const;
+
+private:
+  struct Impl;
+  explicit RpcServer(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+} // namespace kestrin::transport
