@@ -10,12 +10,14 @@
 
 #include "app/ControllerObject.h"
 #include "app/MainLoop.h"
+#include "app/ServiceState.h"
 #include "foundation/QVException.h"
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
 #include "foundation/QVTaskEx.h"
 #include "operations/OperationTable.h"
 #include "plist/PropertyList.h"
+#include "transport/HostIdentity.h"
 
 namespace kestrin {
 
@@ -36,8 +38,9 @@ AppController::AppController(Environment environment)
       exceptionGuard_([this] { return isQuitting(); },
                       [this](double seconds) { reconnectWithTimeInterval(seconds); }),
       errorChannel_({environment_.mainLoop, exceptionGuard_, [this] { return hostName(); }}),
-      rootObject_(std::make_shared<ControllerObject>(
-          *this, operations::OperationTable::agentOperations())) {}
+      rootObject_(
+          std::make_shared<ControllerObject>(*this, operations::OperationTable::agentOperations())),
+      service_(std::make_unique<ServiceState>(*this)) {}
 
 AppController::~AppController() {
   {
@@ -55,6 +58,8 @@ AppController::~AppController() {
       t.join();
     }
   }
+  std::lock_guard lock(serviceMutex_);
+  service_.reset(); // stops both endpoints before the rest of the controller goes
 }
 
 void AppController::startThread(std::function<void()> fn) {
@@ -111,6 +116,8 @@ void AppController::startService() {
     QVLog::appendLog("Custom port set to {}", port);
   }
   requestedPort_ = port;
+  startVendingOnPort(port);
+  startCallbackVending();
 }
 
 void AppController::stopService() {
@@ -119,6 +126,8 @@ void AppController::stopService() {
   if (!isRelaunching_) {
     updateStatus("Disconnecting...");
   }
+  stopVending();
+  stopCallbackVending();
   if (!isRelaunching_) {
     updateStatus("Disconnected");
   }
@@ -170,16 +179,7 @@ bool AppController::sleepUnlessQuitting(double seconds) {
 }
 
 std::string AppController::hostName() const {
-  char name[HOST_NAME_MAX + 1] = {};
-  ::gethostname(name, sizeof name - 1);
-  std::string host = name;
-  if (host.find('.') == std::string::npos) {
-    host += ".local";
-  }
-  if (host.empty() || host.back() != '.') {
-    host += '.';
-  }
-  return host;
+  return transport::currentHostName();
 }
 
 // ---- ending

@@ -27,6 +27,8 @@ class QVLocalPaths;
 // Threads: init() and the signal path run on the main thread; remote operations and start-up
 // work run on worker threads. Flags are atomics; startService/stopService exclude each other.
 class AppController {
+  friend class EndpointDelegate;
+
 public:
   static constexpr const char* kBundleIdentifier = "com.quorvane.Kestrin";
   static constexpr const char* kApplicationName = "Kestrin";
@@ -82,7 +84,24 @@ public:
   void updateStatus(const std::string& status);
   std::string statusString() const;
 
-  // ---- remote service
+  // ---- remote service: the listening endpoint
+  void startVendingOnPort(int port);
+  void stopVending();
+  void connectionDidDie();
+  // Every connection is accepted unless the "allowedAdminAddresses" preference lists the
+  // addresses that may connect.
+  bool shouldMakeNewConnection(const std::string& peerAddress);
+  int listenPortNumber() const;
+  std::optional<std::string> pdoName() const;
+  // "Kestrin - <host>" cut to 63 characters, as names are registered.
+  static std::string registeredName(const std::string& name);
+
+  // ---- the machine-local callback endpoint
+  static constexpr const char* kCallbackName = "QVKestrinCallback";
+  void startCallbackVending();
+  void stopCallbackVending();
+  void reconnectCallbackWithTimeInterval(double seconds);
+
   // The object that the listening endpoint vends.
   plist::ObjectRef rootObject() { return rootObject_; }
   ErrorChannel& errorChannel() { return errorChannel_; }
@@ -124,7 +143,7 @@ private:
   plist::Value availableUpdateCountLastUpdate_;
   plist::Value iconDict_;
 
-  std::recursive_mutex serviceMutex_; // startService / stopService
+  mutable std::recursive_mutex serviceMutex_; // startService / stopService
 
   std::mutex threadsMutex_;
   std::vector<std::thread> threads_;
@@ -135,6 +154,9 @@ private:
   ExceptionGuard exceptionGuard_;
   ErrorChannel errorChannel_;
   plist::ObjectRef rootObject_;
+
+  struct ServiceState;
+  std::unique_ptr<ServiceState> service_; // under serviceMutex_
 };
 
 } // namespace kestrin

@@ -54,6 +54,8 @@ MainLoop::MainLoop() {
   // Capturing must precede the io set-up's threads and every thread of the agent.
   kj::UnixEventPort::captureSignal(SIGTERM);
   kj::UnixEventPort::captureSignal(SIGINT);
+  // A peer that vanishes mid-write must cost a failed write, never the agent.
+  std::signal(SIGPIPE, SIG_IGN);
   impl_ = std::make_unique<Impl>();
   auto paf = kj::newPromiseAndCrossThreadFulfiller<void>();
   impl_->quitFulfiller = kj::mv(paf.fulfiller);

@@ -28,6 +28,7 @@ protected:
   std::map<std::string, std::string> environment() const {
     return {{"HOME", home().string()},
             {"KESTRIN_ROOT", (dir.path() / "root").string()},
+            {"XDG_RUNTIME_DIR", dir.path().string()},
             {"PATH", "/usr/bin:/bin"}};
   }
   bool logContains(const std::string& text) const {

@@ -21,6 +21,7 @@ TEST(SetupMode, InstallsTheUnitAgainstTheLocalRootAndNeverStartsTheAgent) {
   std::map<std::string, std::string> env{
       {"HOME", machine.home().string()},
       {"KESTRIN_ROOT", machine.root().string()},
+      {"XDG_RUNTIME_DIR", machine.runtimeDirectory().string()},
       {"PATH", "/usr/bin:/bin"},
       {"KESTRIN_TOOL_SYSTEMCTL", machine.makeRecordingTool("systemctl").string()},
       {"KESTRIN_TOOL_UMOUNT", machine.makeRecordingTool("umount").string()},

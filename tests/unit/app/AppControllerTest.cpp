@@ -53,7 +53,9 @@ TEST_F(AppControllerTest, StartUpLogsItsStepsAndRecordsTheVersionThatRan) {
   EXPECT_EQ(controller.clientVersion(), "321");
   EXPECT_EQ(controller.clientVersionString(), "321");
   EXPECT_EQ(controller.objectForPreferenceDictionaryKey("lastRunVersion"), Value("321"));
-  EXPECT_EQ(controller.statusString(), "Starting up...");
+  EXPECT_EQ(controller.statusString(),
+            "Listening on port " + std::to_string(controller.listenPortNumber()));
+  EXPECT_EQ(controller.pdoName(), "Kestrin - " + controller.hostName());
 
   std::string log = machine.logText();
   auto at = [&](const char* text) { return log.find(text); };
