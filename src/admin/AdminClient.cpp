@@ -1,0 +1,50 @@
+#include "admin/AdminClient.h"
+
+#include <charconv>
+
+#include <fmt/format.h>
+
+#include "support/NamedException.h"
+
+namespace kestrin::admin {
+
+Expected<AgentAddress> parseAgentAddress(const std::string& text) {
+  std::size_t colon = text.rfind(':');
+  if (colon == std::string::npos || colon == 0 || colon + 1 == text.size()) {
+    return Failure{fmt::format("'{}' is not HOST:PORT", text)};
+  }
+  AgentAddress address;
+  address.host = text.substr(0, colon);
+  if (address.host.size() > 2 && address.host.front() == '[' && address.host.back() == ']') {
+    address.host = address.host.substr(1, address.host.size() - 2);
+  }
+  const char* first = text.data() + colon + 1;
+  const char* last = text.data() + text.size();
+  auto [end, error] = std::from_chars(first, last, address.port);
+  if (error != std::errc() || end != last || address.port < 1 || address.port > 65535) {
+    return Failure{fmt::format("'{}' is not a port number", std::string(first, last))};
+  }
+  return address;
+}
+
+Expected<std::unique_ptr<AdminClient>> AdminClient::connect(const AgentAddress& address,
+                                                            std::chrono::milliseconds timeout,
+                                                            QVErrorCallback::Parent* parent) {
+  auto client = transport::RpcClient::connectTcp(address.host, address.port, timeout);
+  if (!client) {
+    return client.failure();
+  }
+  auto callback = std::make_shared<QVErrorCallback>(parent);
+  try {
+    (*client)->root()->invoke("setErrorCallback:", {plist::Value(plist::ObjectRef(callback))});
+  } catch (const NamedException& e) {
+    return Failure{fmt::format("cannot register the error callback: {} - {}", e.name(), e.what())};
+  }
+  return std::unique_ptr<AdminClient>(new AdminClient(std::move(*client), std::move(callback)));
+}
+
+plist::Value AdminClient::call(const std::string& selector, std::vector<plist::Value> arguments) {
+  return client_->root()->invoke(selector, std::move(arguments));
+}
+
+} // namespace kestrin::admin

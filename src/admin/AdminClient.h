@@ -1,0 +1,45 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "admin/QVErrorCallback.h"
+#include "plist/Value.h"
+#include "support/Expected.h"
+#include "transport/RpcClient.h"
+
+namespace kestrin::admin {
+
+// "host:port", "[v6 address]:port".
+struct AgentAddress {
+  std::string host;
+  int port = 0;
+};
+Expected<AgentAddress> parseAgentAddress(const std::string& text);
+
+// An administrator's connection to one agent, with an error callback registered so that the
+// agent's errors, progress and task-finished events reach this process.
+class AdminClient {
+public:
+  // Connects and registers the callback; events go to parent (may be null).
+  static Expected<std::unique_ptr<AdminClient>> connect(const AgentAddress& address,
+                                                        std::chrono::milliseconds timeout,
+                                                        QVErrorCallback::Parent* parent);
+
+  // Calls one of the agent's operations. Throws NamedException as RemoteObject::invoke does.
+  plist::Value call(const std::string& selector, std::vector<plist::Value> arguments = {});
+  const std::shared_ptr<QVErrorCallback>& callback() const { return callback_; }
+  transport::RpcClient& connection() { return *client_; }
+
+private:
+  AdminClient(std::unique_ptr<transport::RpcClient> client,
+              std::shared_ptr<QVErrorCallback> callback)
+      : client_(std::move(client)), callback_(std::move(callback)) {}
+
+  std::unique_ptr<transport::RpcClient> client_;
+  std::shared_ptr<QVErrorCallback> callback_;
+};
+
+} // namespace kestrin::admin

@@ -1,0 +1,213 @@
+#include "admin/Ambrant.h"
+
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include <fmt/format.h>
+
+#include "admin/AdminClient.h"
+#include "admin/JsonValue.h"
+#include "plist/PropertyList.h"
+#include "support/NamedException.h"
+
+namespace kestrin::admin {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int kOk = 0;
+constexpr int kAgentError = 1;
+constexpr int kUnreachable = 2;
+
+constexpr const char* kUsage =
+    "usage: ambrant browse [--timeout SECONDS]\n"
+    "       ambrant call HOST:PORT SELECTOR [ARG ...] [--xml] [--linger SECONDS]\n"
+    "       ambrant watch HOST:PORT\n"
+    "       ambrant encrypt-password\n"
+    "ARG is a JSON value; {\"$data\":\"<base64>\"} is data, {\"$date\":\"<ISO 8601>\"} a date.\n";
+
+// Prints every event an agent pushes, one line each, on standard error.
+class EventPrinter : public QVErrorCallback::Parent {
+public:
+  void postLocalNotification(const std::string& name) override { print(name, ""); }
+  void serviceEvent(const std::string& selector,
+                    const std::vector<plist::Value>& arguments) override {
+    print(selector, jsonFromValue(plist::Value(plist::Array(arguments.begin(), arguments.end()))));
+  }
+  void print(const std::string& what, const std::string& detail) {
+    std::lock_guard lock(mutex_);
+    std::cerr << "event " << what << (detail.empty() ? "" : " ") << detail << std::endl;
+  }
+
+private:
+  std::mutex mutex_;
+};
+
+// Prints queue entries as they arrive, after the callback has dropped duplicates.
+class QueuePrinter : public EventPrinter {
+public:
+  void setCallback(const QVErrorCallback* callback) { callback_ = callback; }
+  void postLocalNotification(const std::string& name) override {
+    if (name == "QVAmbrantErrorLabelRefresh" && callback_ != nullptr) {
+      plist::Array queue = callback_->errorQueue();
+      if (!queue.empty()) {
+        print("error", jsonFromValue(queue.front()));
+      }
+      return;
+    }
+    EventPrinter::postLocalNotification(name);
+  }
+
+private:
+  const QVErrorCallback* callback_ = nullptr;
+};
+
+std::optional<double> optionValue(std::vector<std::string>& arguments, const std::string& name) {
+  for (std::size_t i = 0; i + 1 < arguments.size(); ++i) {
+    if (arguments[i] == name) {
+      double value = std::stod(arguments[i + 1]);
+      arguments.erase(arguments.begin() + static_cast<long>(i),
+                      arguments.begin() + static_cast<long>(i) + 2);
+      return value;
+    }
+  }
+  return std::nullopt;
+}
+
+bool takeFlag(std::vector<std::string>& arguments, const std::string& name) {
+  for (auto it = arguments.begin(); it != arguments.end(); ++it) {
+    if (*it == name) {
+      arguments.erase(it);
+      return true;
+    }
+  }
+  return false;
+}
+
+struct Session {
+  QueuePrinter printer;
+  std::unique_ptr<AdminClient> client;
+};
+
+Expected<std::unique_ptr<Session>> openSession(const std::string& where) {
+  auto address = parseAgentAddress(where);
+  if (!address) {
+    return address.failure();
+  }
+  auto session = std::make_unique<Session>();
+  auto client = AdminClient::connect(*address, 10s, &session->printer);
+  if (!client) {
+    return client.failure();
+  }
+  session->client = std::move(*client);
+  session->printer.setCallback(session->client->callback().get());
+  return session;
+}
+
+int call(std::vector<std::string> arguments) {
+  bool xml = takeFlag(arguments, "--xml");
+  double linger = optionValue(arguments, "--linger").value_or(0);
+  if (arguments.size() < 2) {
+    std::cerr << kUsage;
+    return kUnreachable;
+  }
+  std::vector<plist::Value> values;
+  for (std::size_t i = 2; i < arguments.size(); ++i) {
+    auto value = valueFromJson(arguments[i]);
+    if (!value) {
+      std::cerr << "ambrant: argument " << i - 1 << ": " << value.message() << std::endl;
+      return kUnreachable;
+    }
+    values.push_back(std::move(*value));
+  }
+  auto session = openSession(arguments[0]);
+  if (!session) {
+    std::cerr << "ambrant: " << session.message() << std::endl;
+    return kUnreachable;
+  }
+  int status = kOk;
+  try {
+    plist::Value result = (*session)->client->call(arguments[1], std::move(values));
+    if (xml) {
+      auto text = plist::toXml(result);
+      std::cout << (text ? *text : "") << std::flush;
+    } else {
+      std::cout << jsonFromValue(result) << std::endl;
+    }
+  } catch (const NamedException& e) {
+    std::cerr << "ambrant: " << e.name() << ": " << e.what() << std::endl;
+    status = e.name() == kInvalidSendPortException ? kUnreachable : kAgentError;
+  }
+  if (linger > 0) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(static_cast<long>(linger * 1000)));
+  }
+  return status;
+}
+
+int watch(const std::vector<std::string>& arguments) {
+  if (arguments.size() != 1) {
+    std::cerr << kUsage;
+    return kUnreachable;
+  }
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGINT);
+  sigaddset(&stop, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop, nullptr); // before any thread: only sigwait sees them
+
+  auto session = openSession(arguments[0]);
+  if (!session) {
+    std::cerr << "ambrant: " << session.message() << std::endl;
+    return kUnreachable;
+  }
+  (*session)->client->connection().setDisconnectHandler([] {
+    std::cerr << "ambrant: the agent closed the connection" << std::endl;
+    std::raise(SIGTERM);
+  });
+  std::cerr << "watching " << arguments[0] << std::endl;
+  int signal = 0;
+  sigwait(&stop, &signal);
+  return (*session)->client->connection().isConnected() ? kOk : kUnreachable;
+}
+
+} // namespace
+
+int ambrantMain(const std::vector<std::string>& arguments) {
+  std::signal(SIGPIPE, SIG_IGN);
+  if (arguments.empty()) {
+    std::cerr << kUsage;
+    return kUnreachable;
+  }
+  std::vector<std::string> rest(arguments.begin() + 1, arguments.end());
+  const std::string& command = arguments[0];
+  try {
+    if (command == "call") {
+      return call(rest);
+    }
+    if (command == "watch") {
+      return watch(rest);
+    }
+    if (command == "browse") {
+      std::cerr << "ambrant: browsing needs DNS-SD support, which this build lacks" << std::endl;
+      return kUnreachable;
+    }
+    if (command == "encrypt-password") {
+      std::cerr << "ambrant: encrypt-password needs the passphrase encryption, which this build "
+                   "lacks"
+                << std::endl;
+      return kUnreachable;
+    }
+  } catch (const std::invalid_argument&) {
+    std::cerr << "ambrant: an option's value is not a number" << std::endl;
+    return kUnreachable;
+  }
+  std::cerr << kUsage;
+  return kUnreachable;
+}
+
+} // namespace kestrin::admin

@@ -1,0 +1,164 @@
+#include <csignal>
+#include <cstdio>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "RunningAgent.h"
+#include "admin/AdminClient.h"
+#include "fixtures/RecordingObject.h"
+#include "support/NamedException.h"
+
+namespace kestrin {
+namespace {
+
+using namespace std::chrono_literals;
+using plist::Value;
+using testing::eventually;
+using testing::RecordingObject;
+using testing::RunningAgent;
+
+// Runs ambrant and answers its exit status and standard output.
+std::pair<int, std::string> ambrant(const std::string& arguments) {
+  std::string command = std::string(KESTRIN_AMBRANT_PATH) + " " + arguments + " 2>/dev/null";
+  FILE* pipe = ::popen(command.c_str(), "r");
+  std::string out;
+  char buffer[4096];
+  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) {
+    out.append(buffer, n);
+  }
+  int status = ::pclose(pipe);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+}
+
+class RemoteService : public ::testing::Test {
+protected:
+  void SetUp() override {
+    port = agent.waitForPort();
+    ASSERT_NE(port, 0) << testing::readText(agent.output());
+  }
+  std::unique_ptr<transport::RpcClient> connect() {
+    auto client = transport::RpcClient::connectTcp("127.0.0.1", port, 10s);
+    EXPECT_TRUE(client.ok()) << client.message();
+    return std::move(*client);
+  }
+  std::shared_ptr<RecordingObject> registeredCallback(transport::RpcClient& client,
+                                                      std::set<std::string> selectors = {}) {
+    auto callback = std::make_shared<RecordingObject>(
+        selectors.empty() ? testing::errorCallbackSelectors() : std::move(selectors));
+    client.root()->invoke("setErrorCallback:", {Value(plist::ObjectRef(callback))});
+    return callback;
+  }
+
+  RunningAgent agent;
+  int port = 0;
+};
+
+TEST_F(RemoteService, AmbrantCallsOperationsAndReportsErrorsByExitStatus) {
+  std::string where = "127.0.0.1:" + std::to_string(port);
+  EXPECT_EQ(ambrant("call " + where + " ping"), std::make_pair(0, std::string("null\n")));
+  EXPECT_EQ(ambrant("call " + where + " clientVersion"),
+            std::make_pair(0, std::string("\"" KESTRIN_BUNDLE_VERSION "\"\n")));
+  EXPECT_EQ(ambrant("call " + where + " noSuchOperation:").first, 1);
+  EXPECT_EQ(ambrant("call " + where + " setErrorCallback: 12").first, 1);
+  EXPECT_EQ(ambrant("call 127.0.0.1:1 ping").first, 2);
+  EXPECT_EQ(ambrant("call " + where + " ping '{'").first, 2);
+}
+
+TEST_F(RemoteService, EveryRegisteredCallbackReceivesPostedErrorsOnce) {
+  auto admin = connect();
+  auto callback = registeredCallback(*admin);
+  admin->root()->invoke("setErrorCallback:", {Value(plist::ObjectRef(callback))}); // again
+  auto other = connect();
+  auto second = registeredCallback(*other);
+
+  admin->root()->invoke("postErrorWithCode:infoString:", {Value(1000), Value("Tibbet")});
+  auto calls = callback->calls();
+  std::vector<std::string> selectors;
+  for (const auto& call : calls) {
+    selectors.push_back(call.selector);
+  }
+  // Pinged by its own second registration and by the other admin's, then the error, once.
+  EXPECT_THAT(selectors, ::testing::ElementsAre("ping", "ping", "addErrorToQueue:userInfo:"));
+  EXPECT_EQ(calls.back().arguments[0],
+            Value(plist::ErrorRecord{"ambrantDomain", 1000, {{"info", "Tibbet"}}}));
+  EXPECT_EQ(second->selectorsCalled().size(), 1u);
+}
+
+TEST_F(RemoteService, ACallbackLackingASelectorStopsThatEventForTheOthers) {
+  auto first = connect();
+  auto lacking = registeredCallback(*first, {"ping"});
+  auto second = connect();
+  auto complete = registeredCallback(*second);
+  first->root()->invoke("incrementRemoteProgress", {});
+  EXPECT_TRUE(complete->calls().empty());
+  EXPECT_TRUE(eventually([&] {
+    return agent.logContains(
+        "Error: error callback object does not respond to selector incrementProgress.");
+  }));
+}
+
+TEST_F(RemoteService, TheFinishedTaskDeadlineSendsTaskFinishedOnce) {
+  auto admin = connect();
+  auto callback = registeredCallback(*admin);
+  admin->root()->invoke("shouldPostFinishedTaskWithTimeout:", {Value(0.2)});
+  ASSERT_TRUE(eventually([&] { return !callback->calls().empty(); }, 5s));
+  EXPECT_THAT(callback->selectorsCalled(), ::testing::ElementsAre("taskFinished"));
+  EXPECT_TRUE(agent.logContains("Task timed out. Finishing..."));
+  admin->root()->invoke("postFinishedTask", {});
+  EXPECT_EQ(callback->calls().size(), 1u);
+}
+
+TEST_F(RemoteService, AClientKilledWhileTheAgentCallsIntoItCostsNothingButItsCallback) {
+  pid_t child = ::fork();
+  if (child == 0) {
+    // An admin whose callback never answers, so the agent is stuck calling into it.
+    auto client = transport::RpcClient::connectTcp("127.0.0.1", port, 10s);
+    struct Stuck : plist::RemoteObject {
+      std::string description() const override { return "<stuck>"; }
+      bool respondsTo(const std::string&) override { return true; }
+      Value invoke(const std::string&, std::vector<Value>) override {
+        ::pause();
+        return {};
+      }
+    };
+    (*client)->root()->invoke("setErrorCallback:",
+                              {Value(plist::ObjectRef(std::make_shared<Stuck>()))});
+    (*client)->root()->invoke("incrementRemoteProgress", {});
+    ::_exit(0);
+  }
+  std::this_thread::sleep_for(500ms);
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
+
+  auto admin = connect();
+  EXPECT_TRUE(admin->root()->invoke("ping", {}).isNull());
+  auto callback = registeredCallback(*admin); // prunes the dead one on the way
+  admin->root()->invoke("postErrorString:", {Value("after the crash")});
+  EXPECT_EQ(callback->calls().back().arguments[0], Value("after the crash"));
+}
+
+TEST(RemoteServiceInstances, ASecondAgentRegistersUnderAUuidPrefixedName) {
+  RunningAgent first;
+  ASSERT_NE(first.waitForPort(), 0);
+  RunningAgent second(first.runtime());
+  ASSERT_NE(second.waitForPort(), 0);
+  EXPECT_TRUE(second.logContains("Failed to register name - make sure there are no other "
+                                 "copies of this application running on this computer."));
+  std::string log = second.logText();
+  std::smatch match;
+  ASSERT_TRUE(std::regex_search(
+      log, match,
+      std::regex("Registering name [0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-"
+                 "[0-9A-F]{12}Kestrin - ")));
+  // The callback endpoint's name is taken as well, and the holder is named.
+  EXPECT_TRUE(eventually([&] {
+    return testing::readText(second.output()).find("Name occupied by pid ") != std::string::npos;
+  }));
+}
+
+} // namespace
+} // namespace kestrin

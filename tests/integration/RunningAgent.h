@@ -1,0 +1,73 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <regex>
+#include <string>
+
+#include <unistd.h>
+
+#include "fixtures/AgentProcess.h"
+#include "fixtures/TempDir.h"
+
+namespace kestrin::testing {
+
+// The real agent, started in a throwaway machine of its own, listening on a port the system
+// chose. Several agents may share one runtime folder to meet each other's names.
+class RunningAgent {
+public:
+  explicit RunningAgent(std::filesystem::path runtime = {},
+                        std::map<std::string, std::string> extraEnvironment = {}) {
+    std::filesystem::create_directories(home());
+    runtime_ = runtime.empty() ? dir_.path() / "run" : runtime;
+    std::filesystem::create_directories(runtime_);
+    std::map<std::string, std::string> environment = {
+        {"HOME", home().string()},
+        {"KESTRIN_ROOT", (dir_.path() / "root").string()},
+        {"XDG_RUNTIME_DIR", runtime_.string()},
+        {"PATH", "/usr/bin:/bin"}};
+    for (auto& [key, value] : extraEnvironment) {
+      environment[key] = value;
+    }
+    process_ = std::make_unique<AgentProcess>(KESTRIN_AGENT_PATH, std::vector<std::string>{},
+                                              environment, output());
+  }
+
+  std::filesystem::path home() const { return dir_.path() / "home"; }
+  std::filesystem::path output() const { return dir_.path() / "agent.out"; }
+  std::filesystem::path runtime() const { return runtime_; }
+  std::filesystem::path log() const {
+    return (::getuid() == 0 ? dir_.path() / "root" : home()) /
+           "Library/Logs/Quorvane/Kestrin.1.log";
+  }
+  std::string logText() const { return readText(log()); }
+  bool logContains(const std::string& text) const {
+    return logText().find(text) != std::string::npos;
+  }
+  AgentProcess& process() { return *process_; }
+
+  // The port of the agent's last "Listening on port N" status, once it is listening.
+  int waitForPort(std::chrono::milliseconds limit = std::chrono::seconds(20)) const {
+    int port = 0;
+    eventually(
+        [&] {
+          static const std::regex listening("Listening on port ([0-9]+)\n");
+          std::string text = readText(output());
+          for (std::sregex_iterator it(text.begin(), text.end(), listening), end; it != end; ++it) {
+            port = std::stoi((*it)[1]);
+          }
+          return port != 0;
+        },
+        limit);
+    return port;
+  }
+
+private:
+  TempDir dir_;
+  std::filesystem::path runtime_;
+  std::unique_ptr<AgentProcess> process_;
+};
+
+} // namespace kestrin::testing
