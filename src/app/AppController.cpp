@@ -43,6 +43,8 @@ AppController::AppController(Environment environment)
       service_(std::make_unique<ServiceState>(*this)) {}
 
 AppController::~AppController() {
+  observations_.clear();
+  notificationCenter_.reset(); // no handler runs from here on
   {
     std::lock_guard lock(quitMutex_);
     isQuitting_ = true;
@@ -69,6 +71,7 @@ void AppController::startThread(std::function<void()> fn) {
 
 bool AppController::init() {
   QVLog::createNewLog(std::string(kApplicationName));
+  connectNotificationCenter();
   updateStatus("Starting up...");
   disconnectAllOtherInstances();
   QVLog::appendLog("Version {}.", clientVersion());
@@ -77,6 +80,7 @@ bool AppController::init() {
     iconDict_ = plist::Value();
   }
   startService();
+  observeNotifications();
 
   // The bundle's own "lastRunVersion" is compared while the preference file receives the
   // value, so the check below runs at every start. The asymmetry is deliberate.
@@ -228,11 +232,6 @@ void AppController::relaunch() {
   disconnect();
 }
 
-void AppController::disconnectAllOtherInstances() {
-  QVLog::appendLog("Disconnecting other instances of client...");
-  QVLog::appendLog("Searching for other instances of client...");
-}
-
 void AppController::terminate(int signal) {
   QVLog::appendLog("Received signal {}. Stopping...", signal);
   {
@@ -281,13 +280,6 @@ std::string AppController::clientVersionString() const {
 }
 
 // ---- status
-
-void AppController::updateStatus(const std::string& status) {
-  std::cout << status << std::endl;
-  QVLog::appendLog("{}", status);
-  std::lock_guard lock(stateMutex_);
-  statusString_ = status;
-}
 
 std::string AppController::statusString() const {
   std::lock_guard lock(stateMutex_);

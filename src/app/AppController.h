@@ -13,6 +13,7 @@
 #include "app/ErrorChannel.h"
 #include "app/ExceptionGuard.h"
 #include "app/PreferenceFile.h"
+#include "platform/NotificationCenter.h"
 #include "plist/Value.h"
 
 namespace kestrin {
@@ -80,9 +81,29 @@ public:
   static int listeningPortFromPreferences(const plist::Value& customPortSet,
                                           const plist::Value& customPort);
 
-  // ---- status
+  // ---- status, status item and maintenance requests
   void updateStatus(const std::string& status);
   std::string statusString() const;
+  // Broadcasts the status as "QVKestrinStatusUpdate".
+  void notifyCurrentStatus();
+  // There is no status bar to show an item in: the item is never created, while the log
+  // lines, flags and callbacks of its actions still happen.
+  void showMenuBarItem() {}
+  void hideMenuBarItem();
+  void setStatusBarConnected() {}
+  void setStatusBarDisconnected() {}
+  void sendMaintenanceRequest();
+  void cancelMaintenanceRequest();
+  void enableMaintenance();
+  void disableMaintenance();
+  bool maintenanceRequested() const { return maintenanceRequested_; }
+
+  // ---- distributed notifications
+  // Connects to the session bus; without one, notifications are off (logged once).
+  void connectNotificationCenter();
+  // Subscribes the handlers of every notification the agent observes.
+  void observeNotifications();
+  void postNotification(const std::string& name, const plist::Dictionary& userInfo);
 
   // ---- remote service: the listening endpoint
   void startVendingOnPort(int port);
@@ -157,6 +178,9 @@ private:
 
   struct ServiceState;
   std::unique_ptr<ServiceState> service_; // under serviceMutex_
+
+  std::unique_ptr<platform::NotificationCenter> notificationCenter_;
+  std::vector<platform::NotificationCenter::Observation> observations_;
 };
 
 } // namespace kestrin

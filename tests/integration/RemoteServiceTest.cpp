@@ -9,7 +9,9 @@
 
 #include "RunningAgent.h"
 #include "admin/AdminClient.h"
+#include "fixtures/PrivateSessionBus.h"
 #include "fixtures/RecordingObject.h"
+#include "platform/NotificationCenter.h"
 #include "support/NamedException.h"
 
 namespace kestrin {
@@ -158,6 +160,81 @@ TEST(RemoteServiceInstances, ASecondAgentRegistersUnderAUuidPrefixedName) {
   EXPECT_TRUE(eventually([&] {
     return testing::readText(second.output()).find("Name occupied by pid ") != std::string::npos;
   }));
+}
+
+// The agent on a private session bus, and the test's own connection to that bus.
+class AgentNotifications : public ::testing::Test {
+protected:
+  void SetUp() override {
+    ASSERT_TRUE(bus.running());
+    auto connected = platform::NotificationCenter::connectSessionBus();
+    ASSERT_TRUE(connected.ok()) << connected.message();
+    center = std::move(*connected);
+    agent = std::make_unique<RunningAgent>();
+    port = agent->waitForPort();
+    ASSERT_NE(port, 0);
+    // Observing starts after the endpoint is up; wait for the last step of start-up.
+    ASSERT_TRUE(eventually([&] { return agent->logContains("Loading settings..."); }));
+    std::this_thread::sleep_for(200ms);
+  }
+
+  testing::PrivateSessionBus bus;
+  std::unique_ptr<platform::NotificationCenter> center;
+  std::unique_ptr<RunningAgent> agent;
+  int port = 0;
+};
+
+TEST_F(AgentNotifications, AToolsErrorNotificationReachesTheRegisteredCallbacks) {
+  auto client = transport::RpcClient::connectTcp("127.0.0.1", port, 10s);
+  ASSERT_TRUE(client.ok());
+  auto callback = std::make_shared<RecordingObject>(testing::errorCallbackSelectors());
+  (*client)->root()->invoke("setErrorCallback:", {Value(plist::ObjectRef(callback))});
+
+  center->post("QVAmbrantTaskError", {{"errorCode", 1003}});
+  ASSERT_TRUE(eventually([&] { return !callback->calls().empty(); }, 10s));
+  EXPECT_EQ(callback->calls()[0].arguments[0],
+            Value(plist::ErrorRecord{"ambrantDomain", 1003, {}}));
+
+  center->post("QVAmbrantTaskProgressIncrement", {});
+  ASSERT_TRUE(eventually([&] { return callback->calls().size() == 2; }, 10s));
+  EXPECT_EQ(callback->calls()[1].selector, "incrementProgress");
+}
+
+TEST_F(AgentNotifications, StatusIsBroadcastOnRequest) {
+  std::mutex mutex;
+  std::vector<std::string> statuses;
+  auto observation = center->observe("QVKestrinStatusUpdate", [&](const plist::Dictionary& info) {
+    std::lock_guard lock(mutex);
+    const plist::Value* status = info.find("status");
+    statuses.push_back(status && status->asString() ? *status->asString() : "");
+  });
+  center->post("QVKestrinCurrentStatus", {});
+  ASSERT_TRUE(eventually([&] {
+    std::lock_guard lock(mutex);
+    return !statuses.empty();
+  }));
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(statuses[0], "Listening on port " + std::to_string(port));
+}
+
+TEST_F(AgentNotifications, ADisconnectNotificationEndsEveryInstanceButTheOneItNames) {
+  center->post("QVKestrinDisconnect",
+               {{"excluded_pid", static_cast<std::int64_t>(agent->process().pid())}});
+  EXPECT_FALSE(agent->process().waitForExit(1500ms).has_value());
+
+  center->post("QVKestrinDisconnect", {{"excluded_pid", 1}});
+  auto status = agent->process().waitForExit(20s);
+  ASSERT_TRUE(status.has_value());
+  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
+  EXPECT_TRUE(agent->logContains("Preparing to disconnect..."));
+}
+
+TEST_F(AgentNotifications, AStartingAgentEndsTheOneAlreadyRunning) {
+  RunningAgent newer(agent->runtime());
+  auto status = agent->process().waitForExit(20s);
+  ASSERT_TRUE(status.has_value());
+  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
+  EXPECT_NE(newer.waitForPort(), 0);
 }
 
 } // namespace

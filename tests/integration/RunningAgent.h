@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -28,6 +29,9 @@ public:
         {"KESTRIN_ROOT", (dir_.path() / "root").string()},
         {"XDG_RUNTIME_DIR", runtime_.string()},
         {"PATH", "/usr/bin:/bin"}};
+    if (const char* bus = std::getenv("DBUS_SESSION_BUS_ADDRESS")) {
+      environment["DBUS_SESSION_BUS_ADDRESS"] = bus; // a test's private bus, when it has one
+    }
     for (auto& [key, value] : extraEnvironment) {
       environment[key] = value;
     }
