@@ -11,6 +11,7 @@
 
 #include "admin/AdminClient.h"
 #include "admin/JsonValue.h"
+#include "platform/ServiceBrowser.h"
 #include "plist/PropertyList.h"
 #include "support/NamedException.h"
 
@@ -175,6 +176,28 @@ int watch(const std::vector<std::string>& arguments) {
   return (*session)->client->connection().isConnected() ? kOk : kUnreachable;
 }
 
+int browse(std::vector<std::string> arguments) {
+  double timeout = optionValue(arguments, "--timeout").value_or(3.0);
+  if (!arguments.empty()) {
+    std::cerr << kUsage;
+    return kUnreachable;
+  }
+  auto found = platform::browseServices(
+      "_kestrin._tcp.", std::chrono::milliseconds(static_cast<long>(timeout * 1000)));
+  if (!found) {
+    std::cerr << "ambrant: " << found.message() << std::endl;
+    return kUnreachable;
+  }
+  for (const platform::FoundService& service : *found) {
+    std::cout << service.name << "\t" << service.host << "\t" << service.port;
+    for (const auto& [key, value] : service.txt) {
+      std::cout << "\t" << key << "=" << value;
+    }
+    std::cout << std::endl;
+  }
+  return kOk;
+}
+
 } // namespace
 
 int ambrantMain(const std::vector<std::string>& arguments) {
@@ -193,8 +216,7 @@ int ambrantMain(const std::vector<std::string>& arguments) {
       return watch(rest);
     }
     if (command == "browse") {
-      std::cerr << "ambrant: browsing needs DNS-SD support, which this build lacks" << std::endl;
-      return kUnreachable;
+      return browse(rest);
     }
     if (command == "encrypt-password") {
       std::cerr << "ambrant: encrypt-password needs the passphrase encryption, which this build "

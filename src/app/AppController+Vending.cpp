@@ -97,9 +97,9 @@ void AppController::startVendingOnPort(int port) {
     QVLog::appendLog("Starting vending...");
     QVLog::appendLog("Creating port...");
 
-    // Interface binding needs the network profile of the advertisement; until an interface is
-    // found, the endpoint listens on every address.
-    std::optional<plist::Dictionary> interface;
+    plist::Value selected = objectForPreferenceDictionaryKey("selectedMACAddress");
+    std::optional<plist::Dictionary> interface = networkInterfaceWithMACAddress(
+        selected.asString() ? std::optional<std::string>(*selected.asString()) : std::nullopt);
     s.listenBSDName.reset();
     const std::string* ip = nullptr;
     if (interface) {

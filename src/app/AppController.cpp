@@ -121,6 +121,9 @@ void AppController::startService() {
   }
   requestedPort_ = port;
   startVendingOnPort(port);
+  if (objectForPreferenceDictionaryKey("disableBonjour").integerValue() != 1) {
+    publishService();
+  }
   startCallbackVending();
 }
 
@@ -132,6 +135,7 @@ void AppController::stopService() {
   }
   stopVending();
   stopCallbackVending();
+  service_->advertiser.reset();
   if (!isRelaunching_) {
     updateStatus("Disconnected");
   }

@@ -117,6 +117,25 @@ public:
   // "Kestrin - <host>" cut to 63 characters, as names are registered.
   static std::string registeredName(const std::string& name);
 
+  // ---- advertisement
+  void publishService();
+  void netServiceDidNotPublish(const plist::Dictionary& error);
+  std::optional<plist::Dictionary>
+  networkInterfaceWithMACAddress(const std::optional<std::string>& macAddress) const;
+  // The lookup over a network profile (nullopt: the profile could not be read), logging why
+  // a profile is unusable.
+  static std::optional<plist::Dictionary>
+  interfaceFromProfile(const std::optional<plist::Value>& profile, const std::string& macAddress);
+  // The listening port when it lies in 1025..65535, otherwise the agent's well-known 35011.
+  static int advertisedPort(int listenPortNumber);
+  // "model", "ip", "name", each only when known, in that order.
+  static plist::Dictionary txtDictionary(const std::optional<std::string>& model,
+                                         const std::optional<std::string>& ip,
+                                         const std::optional<std::string>& name);
+  // The TXT record built by hand for an interface-bound registration: each "key=value" entry
+  // preceded by a byte holding its length; a single NUL byte when there is no entry.
+  static std::string txtRecord(const plist::Dictionary& txt);
+
   // ---- the machine-local callback endpoint
   static constexpr const char* kCallbackName = "QVKestrinCallback";
   void startCallbackVending();

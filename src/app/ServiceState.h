@@ -11,6 +11,7 @@
 
 #include "app/AppController.h"
 #include "app/QVErrorCallbackObj.h"
+#include "platform/ServiceAdvertiser.h"
 #include "transport/NameRegistry.h"
 #include "transport/RpcServer.h"
 
@@ -28,9 +29,22 @@ private:
   AppController& controller_;
 };
 
+// Hands the advertiser's news to the controller.
+class AdvertiserListener : public platform::ServiceAdvertiser::Listener {
+public:
+  explicit AdvertiserListener(AppController& controller) : controller_(controller) {}
+  void didNotPublish(const plist::Dictionary& error) override;
+  void daemonUnavailable(const std::string& reason) override;
+
+private:
+  AppController& controller_;
+  std::atomic<bool> reported_{false};
+};
+
 struct AppController::ServiceState {
   explicit ServiceState(AppController& controller)
-      : registry(transport::NameRegistry::defaultDirectory()), endpointDelegate(controller) {}
+      : registry(transport::NameRegistry::defaultDirectory()), endpointDelegate(controller),
+        advertiserListener(controller) {}
 
   transport::NameRegistry registry;
 
@@ -43,6 +57,10 @@ struct AppController::ServiceState {
   std::optional<std::string> listenIPAddress;
   std::optional<std::string> listenBSDName;
   std::atomic<int> listenPortNumber{0};
+
+  // ---- advertisement
+  AdvertiserListener advertiserListener;
+  std::unique_ptr<platform::ServiceAdvertiser> advertiser;
 
   // ---- callback endpoint
   std::shared_ptr<QVErrorCallbackObj> errCallbackObj;

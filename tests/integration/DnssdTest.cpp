@@ -1,0 +1,95 @@
+// Runs inside tests/scripts/with-avahi-netns: a network namespace with only its loopback
+// interface and an avahi-daemon of its own, so nothing is advertised beyond this machine.
+
+#include <cstdio>
+#include <cstdlib>
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "RunningAgent.h"
+#include "platform/ServiceBrowser.h"
+
+namespace kestrin {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::eventually;
+using testing::RunningAgent;
+
+std::string run(const std::string& command) {
+  FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
+  std::string out;
+  char buffer[4096];
+  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) {
+    out.append(buffer, n);
+  }
+  ::pclose(pipe);
+  return out;
+}
+
+std::string hostShortName() {
+  char name[256] = {};
+  ::gethostname(name, sizeof name - 1);
+  return name;
+}
+
+TEST(Dnssd, AmbrantBrowseFindsTheAgentWithItsTxtEntries) {
+  RunningAgent agent;
+  int port = agent.waitForPort();
+  ASSERT_NE(port, 0);
+  std::string line;
+  ASSERT_TRUE(eventually(
+      [&] {
+        line = run(std::string(KESTRIN_AMBRANT_PATH) + " browse --timeout 2");
+        return line.find("\t" + std::to_string(port)) != std::string::npos;
+      },
+      15s))
+      << line;
+  EXPECT_NE(line.find("name=Kestrin - "), std::string::npos) << line;
+  EXPECT_TRUE(agent.logContains("Broadcasting on any interface."));
+  EXPECT_TRUE(agent.logContains("Publishing..."));
+}
+
+TEST(Dnssd, AnAbsentResponderDelaysTheAdvertisementWithoutFailingIt) {
+  run("avahi-daemon -k");
+  ASSERT_TRUE(eventually([] { return run("avahi-daemon --check; echo $?").find("0\n") != 0; }));
+  RunningAgent agent;
+  int port = agent.waitForPort();
+  ASSERT_NE(port, 0);
+  ASSERT_TRUE(eventually([&] { return agent.logContains("DNS-SD is unavailable"); }, 10s));
+  EXPECT_FALSE(agent.logContains("Failed to publish"));
+
+  run(std::string("avahi-daemon --no-drop-root --no-chroot -D -f ") +
+      std::getenv("KESTRIN_AVAHI_CONFIG"));
+  EXPECT_TRUE(eventually(
+      [&] {
+        auto found = platform::browseServices("_kestrin._tcp.", 2s);
+        if (!found) {
+          return false;
+        }
+        for (const auto& service : *found) {
+          if (service.port == port) {
+            return true;
+          }
+        }
+        return false;
+      },
+      20s));
+}
+
+TEST(Dnssd, ANameTakenByAnotherServiceIsAFailedPublication) {
+  std::string publisher =
+      "avahi-publish -s '" + hostShortName() + "' _kestrin._tcp 4000 >/dev/null 2>&1 & echo $!";
+  std::string pid = run(publisher);
+  std::this_thread::sleep_for(1s);
+  RunningAgent agent;
+  ASSERT_NE(agent.waitForPort(), 0);
+  EXPECT_TRUE(eventually(
+      [&] { return agent.logContains("Failed to publish. Retrying in 10 seconds..."); }, 15s));
+  run("kill " + pid);
+}
+
+} // namespace
+} // namespace kestrin
