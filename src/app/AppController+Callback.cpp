@@ -116,4 +116,37 @@ void AppController::reconnectCallbackWithTimeInterval(double seconds) {
       });
 }
 
+void AppController::setupCallbackListener(const plist::ObjectRef& callback,
+                                          const std::string& name) {
+  QVLog::appendLog("Setting up callback listener");
+  std::lock_guard lock(relayMutex_);
+  theCallback_ = callback;
+  if (notificationCenter_ && relays_.count(name) == 0) {
+    relays_[name] = notificationCenter_->observe(name, [this, name](const plist::Dictionary& info) {
+      startThread([this, name, info] { executeCallback(name, info); });
+    });
+  }
+}
+
+void AppController::executeCallback(const std::string& name, const plist::Dictionary& userInfo) {
+  QVLog::appendLog("Posting callback");
+  plist::ObjectRef callback;
+  platform::NotificationCenter::Observation finished;
+  {
+    std::lock_guard lock(relayMutex_);
+    auto relay = relays_.find(name);
+    if (relay != relays_.end()) {
+      finished = std::move(relay->second); // dropped outside the lock
+      relays_.erase(relay);
+    }
+    callback = std::exchange(theCallback_, nullptr);
+  }
+  if (!callback) {
+    QVLog::appendLog("Error: callback object not found.");
+    return;
+  }
+  exceptionGuard_.run("-[AppController executeCallback:]",
+                      [&] { callback->invoke("postCallback:", {plist::Value(userInfo)}); });
+}
+
 } // namespace kestrin

@@ -44,6 +44,10 @@ AppController::AppController(Environment environment)
 
 AppController::~AppController() {
   observations_.clear();
+  {
+    std::lock_guard lock(relayMutex_);
+    relays_.clear();
+  }
   notificationCenter_.reset(); // no handler runs from here on
   {
     std::lock_guard lock(quitMutex_);

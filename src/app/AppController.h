@@ -3,6 +3,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -141,6 +142,10 @@ public:
   void startCallbackVending();
   void stopCallbackVending();
   void reconnectCallbackWithTimeInterval(double seconds);
+  // The one-shot relay: the next notification of that name goes to the record's
+  // postCallback:, once. A second relay replaces the first record.
+  void setupCallbackListener(const plist::ObjectRef& callback, const std::string& name);
+  void executeCallback(const std::string& name, const plist::Dictionary& userInfo);
 
   // The object that the listening endpoint vends.
   plist::ObjectRef rootObject() { return rootObject_; }
@@ -200,6 +205,9 @@ private:
 
   std::unique_ptr<platform::NotificationCenter> notificationCenter_;
   std::vector<platform::NotificationCenter::Observation> observations_;
+  std::mutex relayMutex_;
+  plist::ObjectRef theCallback_;                                            // under relayMutex_
+  std::map<std::string, platform::NotificationCenter::Observation> relays_; // under relayMutex_
 };
 
 } // namespace kestrin

@@ -26,6 +26,10 @@ void addErrorChannelOperations(OperationTable& table) {
   addVoid(table, "setErrorCallback:", [](ErrorChannel& channel, const Arguments& a) {
     channel.setErrorCallback(a.object(0));
   });
+  table.add("setupCallbackListener:withName:", [](AppController& controller, const Arguments& a) {
+    controller.setupCallbackListener(a.object(0), a.string(1));
+    return Value();
+  });
   addVoid(table, "cancelProcessing",
           [](ErrorChannel& channel, const Arguments&) { channel.cancelProcessing(); });
   addVoid(table, "performErrorCallbackSelector:withObject:withObject:",

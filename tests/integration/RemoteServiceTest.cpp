@@ -9,6 +9,7 @@
 
 #include "RunningAgent.h"
 #include "admin/AdminClient.h"
+#include "admin/QVCallback.h"
 #include "fixtures/PrivateSessionBus.h"
 #include "fixtures/RecordingObject.h"
 #include "platform/NotificationCenter.h"
@@ -235,6 +236,25 @@ TEST_F(AgentNotifications, AStartingAgentEndsTheOneAlreadyRunning) {
   ASSERT_TRUE(status.has_value());
   EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
   EXPECT_NE(newer.waitForPort(), 0);
+}
+
+TEST_F(AgentNotifications, TheCallbackRelayForwardsOneNotificationOnce) {
+  auto client = transport::RpcClient::connectTcp("127.0.0.1", port, 10s);
+  ASSERT_TRUE(client.ok());
+  std::atomic<int> posted{0};
+  auto record =
+      admin::QVCallback::callbackWithName("render", [&](admin::QVCallback&) { ++posted; });
+  (*client)->root()->invoke("setupCallbackListener:withName:",
+                            {Value(plist::ObjectRef(record)), Value("QVTestRenderDone")});
+  center->post("QVTestRenderDone", {{"frames", 240}});
+  ASSERT_TRUE(eventually([&] { return posted == 1; }, 10s));
+  EXPECT_EQ(record->info(), (plist::Dictionary{{"frames", 240}}));
+
+  center->post("QVTestRenderDone", {{"frames", 1}});
+  std::this_thread::sleep_for(500ms);
+  EXPECT_EQ(posted, 1);
+  EXPECT_TRUE(agent->logContains("Setting up callback listener"));
+  EXPECT_TRUE(agent->logContains("Posting callback"));
 }
 
 } // namespace

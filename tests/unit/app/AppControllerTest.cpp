@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "app/MainLoop.h"
+#include "fixtures/AgentProcess.h"
 #include "fixtures/ThrowawayMachine.h"
 #include "plist/PropertyList.h"
 #include "support/NamedException.h"
@@ -203,6 +204,24 @@ TEST_F(AppControllerTest, RootObjectAnswersClearErrorsForUnknownSelectorsAndBadA
   EXPECT_FALSE(root->respondsTo("setErrorCallback"));
   EXPECT_EQ(root->invoke("clientVersion", {}), Value("321"));
   EXPECT_TRUE(root->invoke("ping", {}).isNull());
+}
+
+TEST_F(AppControllerTest, OneReconnectionAtATimeRestartsTheWholeService) {
+  AppController controller(environment());
+  ASSERT_TRUE(controller.init());
+  controller.reconnectWithTimeInterval(1.0);
+  controller.reconnectWithTimeInterval(1.0); // already pending: ignored
+  ASSERT_TRUE(testing::eventually([&] {
+    std::string log = machine.logText();
+    auto reconnecting = log.find("Reconnecting in 1 seconds...");
+    return reconnecting != std::string::npos &&
+           log.find("Listening on port", reconnecting) != std::string::npos;
+  }));
+  std::string log = machine.logText();
+  auto first = log.find("Reconnecting in 1 seconds...");
+  EXPECT_EQ(log.find("Reconnecting in 1 seconds...", first + 1), std::string::npos);
+  EXPECT_NE(log.find("Stopping vending...", log.find("Disconnecting...")), std::string::npos);
+  EXPECT_TRUE(controller.isConnected());
 }
 
 } // namespace
