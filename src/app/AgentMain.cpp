@@ -8,6 +8,7 @@
 #include "app/BundleLocation.h"
 #include "app/Installer.h"
 #include "app/MainLoop.h"
+#include "foundation/QVAuthorization.h"
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
 #include "platform/ToolTable.h"
@@ -37,7 +38,11 @@ platform::Workspace workspace() {
 
 Installer installer() {
   return Installer({QVLocalPaths::shared(), platform::ToolTable::shared(),
-                    bundlePath(QVLocalPaths::shared(), workspace()), nullptr, nullptr});
+                    bundlePath(QVLocalPaths::shared(), workspace()),
+                    [](const std::string& from, const std::string& to) {
+                      return QVAuthorization::sharedController(false).authMoveFile(from, to);
+                    },
+                    nullptr});
 }
 
 int runAgent() {

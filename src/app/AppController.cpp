@@ -11,6 +11,7 @@
 #include "app/ControllerObject.h"
 #include "app/MainLoop.h"
 #include "app/ServiceState.h"
+#include "foundation/QVAuthorization.h"
 #include "foundation/QVException.h"
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
@@ -84,6 +85,7 @@ bool AppController::init() {
     iconDict_ = plist::Value();
   }
   startService();
+  QVAuthorization::sharedController(false);
   observeNotifications();
 
   // The bundle's own "lastRunVersion" is compared while the preference file receives the

@@ -162,6 +162,19 @@ void Installer::installAuthHelper(const std::string& program) const {
   }
   QVTaskEx::runTask(environment_.tools.path(Tool::Chown), {"root:root", helper.string()});
   QVTaskEx::runTask(environment_.tools.path(Tool::Chmod), {"4755", helper.string()});
+
+  // The helper checks passwords with its own PAM service; an administrator's edits of an
+  // installed one are kept.
+  fs::path service = fs::path(program).parent_path().parent_path() / "Resources/pam.d/kestrin-auth";
+  fs::path installed = fs::path(environment_.paths.machine().localRoot) / "etc/pam.d/kestrin-auth";
+  std::error_code ec;
+  if (fileExists(service) && !fileExists(installed)) {
+    fs::create_directories(installed.parent_path(), ec);
+    fs::copy_file(service, installed, ec);
+    if (ec) {
+      QVLog::appendLog("Unable to install {}: {}", installed.string(), ec.message());
+    }
+  }
 }
 
 void Installer::runClient() {

@@ -106,13 +106,17 @@ bool isValidUtf8(const plist::Data& bytes) {
 
 // Launches with both outputs to the null device and waits for the end; std::nullopt when the
 // path is refused or the launch failed (both logged).
-std::optional<platform::Termination>
-runQuietly(const std::string& path, const QVTaskEx::Arguments& arguments, QVTaskEx::Slot* slot) {
+std::optional<platform::Termination> runQuietly(const std::string& path,
+                                                const QVTaskEx::Arguments& arguments,
+                                                QVTaskEx::Slot* slot,
+                                                std::span<const std::uint8_t> standardInput = {}) {
   if (!QVTaskEx::isRunnable(path)) {
     reportNotExecutable(path);
     return std::nullopt;
   }
-  auto child = launch(path, arguments, StreamTarget::Null, StreamTarget::Null);
+  LaunchRequest request{path, arguments, std::nullopt, StreamTarget::Null, StreamTarget::Null};
+  request.standardInput = standardInput;
+  auto child = ChildProcess::launch(request);
   if (!child) {
     reportLaunchFailure(path, child.failure());
     return std::nullopt;
@@ -205,6 +209,12 @@ void QVTaskEx::runTask(const std::string& path, const Arguments& arguments, Time
 int QVTaskEx::terminationCodeFromTask(const std::string& path, const Arguments& arguments,
                                       Slot* task) {
   auto termination = runQuietly(path, arguments, task);
+  return termination ? termination->status : -1;
+}
+
+int QVTaskEx::terminationCodeFromTaskWithInput(const std::string& path, const Arguments& arguments,
+                                               std::span<const std::uint8_t> standardInput) {
+  auto termination = runQuietly(path, arguments, nullptr, standardInput);
   return termination ? termination->status : -1;
 }
 

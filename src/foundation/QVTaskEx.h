@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -88,6 +89,10 @@ public:
                                      Slot* task = nullptr);
   static int terminationCodeFromTask(const std::string& path, const Arguments& arguments,
                                      TimeLimit timeout);
+  // The same with bytes waiting on the child's standard input (at most 64 KiB): how secrets
+  // reach a helper without appearing in its arguments or environment.
+  static int terminationCodeFromTaskWithInput(const std::string& path, const Arguments& arguments,
+                                              std::span<const std::uint8_t> standardInput);
 
   // The capturing run: standard output, or standard error when standard output is empty and
   // standard error is not (a tool that writes only to standard error answers its error text).

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -28,6 +30,10 @@ struct LaunchRequest {
   std::optional<std::map<std::string, std::string>> environment;
   StreamTarget standardOutput = StreamTarget::Null;
   StreamTarget standardError = StreamTarget::Null;
+  // Bytes waiting on the child's standard input, followed by end of file. Written into the
+  // pipe before the child starts, so at most one pipe buffer (64 KiB); the caller keeps the
+  // bytes (and wipes them when they are secret).
+  std::span<const std::uint8_t> standardInput = {};
 };
 
 // How a child ended. `status` is the exit code, or the number of the signal that ended it

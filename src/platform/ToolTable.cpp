@@ -1,5 +1,7 @@
 #include "platform/ToolTable.h"
 
+#include <filesystem>
+
 #include <cctype>
 #include <cstdlib>
 
@@ -26,6 +28,7 @@ constexpr std::array<ToolInfo, kToolCount> kTools{{
     {Tool::Umount, "umount", "/bin/umount"},
     {Tool::Killall, "killall", "/usr/bin/killall"},
     {Tool::Qmasterprefs, "qmasterprefs", "/usr/sbin/qmasterprefs"},
+    {Tool::KestrinAuth, "kestrin_auth", ""}, // beside the running executable, see below
 }};
 
 constexpr bool inEnumerationOrder() {
@@ -47,6 +50,14 @@ const ToolInfo& info(Tool tool) {
 ToolTable::ToolTable(std::initializer_list<std::pair<Tool, std::string>> entries) {
   for (const auto& tool : kTools) {
     paths_[static_cast<std::size_t>(tool.tool)] = tool.defaultPath;
+  }
+  // The helper is installed in the bundle next to the agent (and next to the test programs'
+  // own executables in a build tree, where tests name it explicitly).
+  std::error_code ec;
+  auto self = std::filesystem::read_symlink("/proc/self/exe", ec);
+  if (!ec) {
+    paths_[static_cast<std::size_t>(Tool::KestrinAuth)] =
+        (self.parent_path() / "kestrin-auth").string();
   }
   for (const auto& [tool, path] : entries) {
     paths_[static_cast<std::size_t>(tool)] = path;

@@ -26,9 +26,10 @@ enum class Tool {
   Umount,       // detaching the agent's installer volumes (the platform's hdiutil detach)
   Killall,      // stopping processes by name (software update, force quit)
   Qmasterprefs, // the render-cluster preferences tool
+  KestrinAuth,  // the setuid helper for administrator rights, beside the agent's executable
 };
 
-inline constexpr std::size_t kToolCount = static_cast<std::size_t>(Tool::Qmasterprefs) + 1;
+inline constexpr std::size_t kToolCount = static_cast<std::size_t>(Tool::KestrinAuth) + 1;
 
 // Where each program lives. Tests and the integration harness point entries at fake tools,
 // so no test ever runs the machine's real chown or systemctl.

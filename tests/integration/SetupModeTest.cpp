@@ -46,6 +46,9 @@ TEST(SetupMode, InstallsTheUnitAgainstTheLocalRootAndNeverStartsTheAgent) {
   std::string text = readText(unit);
   std::string exe = std::filesystem::canonical(KESTRIN_AGENT_PATH).string();
   EXPECT_NE(text.find("ExecStart=" + exe + "\n"), std::string::npos) << text;
+  // The helper's PAM service comes from the bundle.
+  EXPECT_NE(readText(machine.root() / "etc/pam.d/kestrin-auth").find("@include common-auth"),
+            std::string::npos);
   EXPECT_NE(readText(machine.commandLog())
                 .find("systemctl --root=" + machine.root().string() +
                       " --global enable com.quorvane.Kestrin.service"),

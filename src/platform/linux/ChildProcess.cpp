@@ -116,6 +116,24 @@ Expected<std::shared_ptr<ChildProcess>> ChildProcess::launch(const LaunchRequest
     }
   }
 
+  if (!request.standardInput.empty()) {
+    constexpr std::size_t kPipeBuffer = 64 * 1024;
+    if (request.standardInput.size() > kPipeBuffer) {
+      return Failure{"standard input larger than a pipe buffer"};
+    }
+    std::size_t written = 0;
+    while (written < request.standardInput.size()) {
+      ssize_t n = retryOnEintr([&] {
+        return ::write(input->writeEnd.get(), request.standardInput.data() + written,
+                       request.standardInput.size() - written);
+      });
+      if (n <= 0) {
+        return Failure{errnoMessage("cannot fill standard input")};
+      }
+      written += static_cast<std::size_t>(n);
+    }
+  }
+
   SpawnSetup setup;
   auto childEndOf = [&](StreamTarget target, const std::optional<Pipe>& pipe) {
     return target == StreamTarget::Pipe ? pipe->writeEnd.get() : nullDevice.get();

@@ -2,6 +2,8 @@
 
 #include <map>
 
+#include <filesystem>
+
 #include <gtest/gtest.h>
 
 namespace kestrin::platform {
@@ -16,9 +18,14 @@ TEST(ToolTable, DefaultsAreTheDebianPaths) {
   EXPECT_EQ(table.path(Tool::Touch), "/usr/bin/touch");
   for (std::size_t i = 0; i < kToolCount; ++i) {
     auto tool = static_cast<Tool>(i);
-    EXPECT_EQ(table.path(tool), ToolTable::defaultPath(tool));
+    if (tool != Tool::KestrinAuth) {
+      EXPECT_EQ(table.path(tool), ToolTable::defaultPath(tool));
+    }
     EXPECT_EQ(table.path(tool).front(), '/') << ToolTable::name(tool);
   }
+  // The helper is found beside the running program, as it is installed in the bundle.
+  EXPECT_EQ(std::filesystem::path(table.path(Tool::KestrinAuth)).parent_path(),
+            std::filesystem::read_symlink("/proc/self/exe").parent_path());
 }
 
 TEST(ToolTable, ExplicitEntriesReplaceOnlyTheToolsTheyName) {
