@@ -29,6 +29,12 @@ public:
         {"KESTRIN_ROOT", (dir_.path() / "root").string()},
         {"XDG_RUNTIME_DIR", runtime_.string()},
         {"PATH", "/usr/bin:/bin"}};
+    // A sanitized build's agent reports the way the test run asked.
+    for (const char* variable : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
+      if (const char* value = std::getenv(variable)) {
+        environment[variable] = value;
+      }
+    }
     if (const char* bus = std::getenv("DBUS_SESSION_BUS_ADDRESS")) {
       environment["DBUS_SESSION_BUS_ADDRESS"] = bus; // a test's private bus, when it has one
     }
