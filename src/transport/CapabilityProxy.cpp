@@ -124,6 +124,13 @@ plist::Value CapabilityProxy::invoke(const std::string& selector,
 
 bool CapabilityProxy::respondsTo(const std::string& selector) {
   checkCallable();
+  {
+    std::lock_guard lock(respondsMutex_);
+    auto known = responds_.find(selector);
+    if (known != responds_.end()) {
+      return known->second;
+    }
+  }
   bool responds = false;
   bool timedOut = false;
   ConnectionState& state = *state_;
@@ -144,6 +151,8 @@ bool CapabilityProxy::respondsTo(const std::string& selector) {
     throw NamedException(std::string(kPortTimeoutException),
                          fmt::format("no reply to respondsTo {} within the time limit", selector));
   }
+  std::lock_guard lock(respondsMutex_);
+  responds_[selector] = responds;
   return responds;
 }
 

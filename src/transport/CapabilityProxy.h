@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -32,6 +34,9 @@ private:
   void checkCallable() const;
 
   std::shared_ptr<ConnectionState> state_;
+  // What the peer answered to respondsTo: an object's selectors do not change while it lives.
+  std::mutex respondsMutex_;
+  std::map<std::string, bool> responds_;
   std::uint64_t id_;
   const void* hook_;
 };

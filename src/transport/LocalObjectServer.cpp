@@ -1,8 +1,11 @@
 #include "transport/LocalObjectServer.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdlib>
+#include <deque>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -19,6 +22,52 @@ namespace kestrin::transport {
 namespace {
 
 std::atomic<std::size_t> workers{0};
+
+// Threads for incoming calls. A call takes an idle thread or, when none is idle, a new one, so
+// that any number of calls may block at once; a thread idle for a while ends. Reusing threads
+// keeps thread creation off the path of every call.
+class WorkerPool {
+public:
+  static WorkerPool& shared() {
+    static WorkerPool* pool = new WorkerPool; // outlives every static that could submit work
+    return *pool;
+  }
+
+  void submit(std::function<void()> task) {
+    std::unique_lock lock(mutex_);
+    if (idle_ > 0) {
+      tasks_.push_back(std::move(task));
+      --idle_;
+      wake_.notify_one();
+      return;
+    }
+    lock.unlock();
+    std::thread([this, task = std::move(task)]() mutable { serve(std::move(task)); }).detach();
+  }
+
+private:
+  static constexpr auto kIdleLimit = std::chrono::seconds(30);
+
+  void serve(std::function<void()> task) {
+    for (;;) {
+      task();
+      task = nullptr;
+      std::unique_lock lock(mutex_);
+      ++idle_;
+      if (!wake_.wait_for(lock, kIdleLimit, [this] { return !tasks_.empty(); })) {
+        --idle_;
+        return;
+      }
+      task = std::move(tasks_.front());
+      tasks_.pop_front();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<std::function<void()>> tasks_;
+  std::size_t idle_ = 0; // threads waiting, minus tasks handed to them but not yet taken
+};
 
 struct Outcome {
   plist::Value result;
@@ -52,7 +101,7 @@ template <typename Work> kj::Promise<OutcomePtr> onWorker(Work work) {
   auto fulfiller =
       std::make_shared<kj::Own<kj::CrossThreadPromiseFulfiller<OutcomePtr>>>(kj::mv(paf.fulfiller));
   ++workers;
-  std::thread([work = std::move(work), fulfiller]() mutable {
+  WorkerPool::shared().submit([work = std::move(work), fulfiller]() mutable {
     auto outcome = kj::heap<Outcome>();
     try {
       outcome->result = work();
@@ -66,7 +115,7 @@ template <typename Work> kj::Promise<OutcomePtr> onWorker(Work work) {
     work = {}; // arguments and their proxies go before the answer does
     (*fulfiller)->fulfill(kj::mv(outcome));
     --workers;
-  }).detach();
+  });
   return kj::mv(paf.promise);
 }
 
