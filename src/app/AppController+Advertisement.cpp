@@ -1,12 +1,12 @@
 // DNS-SD advertisement of the listening endpoint as "_kestrin._tcp.", and the lookup of the
 // network interface that the endpoint and the advertisement may be bound to.
 
-#include <fstream>
 #include <iostream>
 
 #include "app/AppController.h"
 #include "app/ServiceState.h"
 #include "foundation/QVLog.h"
+#include "foundation/QVSysInfo.h"
 #include "platform/NetworkProfile.h"
 #include "plist/PropertyList.h"
 
@@ -16,16 +16,6 @@ namespace {
 
 constexpr const char* kServiceType = "_kestrin._tcp.";
 constexpr int kWellKnownPort = 35011;
-
-// The machine's model identifier as the hardware reports it.
-std::optional<std::string> machineModel() {
-  std::ifstream in("/sys/class/dmi/id/product_name");
-  std::string model;
-  if (std::getline(in, model) && !model.empty()) {
-    return model;
-  }
-  return std::nullopt;
-}
 
 std::string stringOf(const plist::Value& value) {
   if (const std::string* s = value.asString()) {
@@ -140,7 +130,8 @@ void AppController::publishService() {
     platform::ServiceAdvertiser::Registration registration;
     registration.type = kServiceType;
     registration.port = advertisedPort(s.listenPortNumber);
-    plist::Dictionary txt = txtDictionary(machineModel(), s.listenIPAddress, s.pdoName);
+    plist::Dictionary txt =
+        txtDictionary(QVSysInfo::shared().machineType(), s.listenIPAddress, s.pdoName);
     if (!s.advertiser) {
       s.advertiser = platform::ServiceAdvertiser::create(s.advertiserListener);
     }

@@ -1,5 +1,8 @@
 #include "foundation/QVLog.h"
 
+#include "platform/SystemFacts.h"
+#include "platform/Workspace.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -360,17 +363,22 @@ QVLog::Config QVLog::configFromPaths(const QVLocalPaths& paths) {
     config.executablePath = executable.string();
   }
 
-  // Until the system-information class exists the header facts come straight from the kernel.
-  struct utsname names {};
-  if (::uname(&names) == 0) {
-    config.osVersion = names.release;
+  // The header's facts, read directly: the system-information class reports through the log.
+  platform::SystemFacts facts = platform::SystemFacts::current();
+  if (facts.systemVersion) {
+    const auto& v = *facts.systemVersion;
+    config.osVersion = fmt::format("{}.{}.{}", v[0], v[1], v[2]);
   }
-  config.cpuCount = std::max(1L, ::sysconf(_SC_NPROCESSORS_CONF));
-  long pages = ::sysconf(_SC_PHYS_PAGES);
-  long pageSize = ::sysconf(_SC_PAGESIZE);
-  if (pages > 0 && pageSize > 0) {
-    config.ramGigabytes =
-        static_cast<double>(pages) * static_cast<double>(pageSize) / (1024.0 * 1024.0 * 1024.0);
+  config.cpuCount = facts.processorCount;
+  if (facts.physicalMemoryMegabytes) {
+    config.ramGigabytes = static_cast<double>(*facts.physicalMemoryMegabytes) / 1024.0;
+  }
+  const QVLocalPaths::Machine& machine = paths.machine();
+  if (auto bundle = platform::Workspace::forMachine(machine.localRoot, machine.home).mainBundle()) {
+    const plist::Value* version = bundle->info.find("CFBundleVersion");
+    if (version && version->asString()) {
+      config.bundleVersion = *version->asString();
+    }
   }
   return config;
 }

@@ -1,0 +1,224 @@
+#include "foundation/QVSysInfo.h"
+
+#include <algorithm>
+#include <filesystem>
+
+#include <fmt/format.h>
+
+#include "foundation/QVLocalPaths.h"
+#include "foundation/QVLog.h"
+#include "platform/Workspace.h"
+#include "plist/PropertyList.h"
+
+namespace kestrin {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// What the platform's version call answers for an unknown selector.
+constexpr long kUndefinedSelector = -5551;
+
+bool endsWithIgnoringCase(const std::string& name, std::string_view suffix) {
+  if (name.size() < suffix.size()) {
+    return false;
+  }
+  return std::equal(suffix.begin(), suffix.end(), name.end() - static_cast<long>(suffix.size()),
+                    [](char a, char b) { return std::tolower(a) == std::tolower(b); });
+}
+
+bool isFramework(const std::string& name) {
+  return endsWithIgnoringCase(name, ".framework");
+}
+bool isKext(const std::string& name) {
+  return endsWithIgnoringCase(name, ".kext") || endsWithIgnoringCase(name, ".bundle");
+}
+
+std::string dotted(const std::array<unsigned, 3>& v) {
+  return fmt::format("{}.{}.{}", v[0], v[1], v[2]);
+}
+
+} // namespace
+
+const QVSysInfo& QVSysInfo::shared() {
+  static const QVSysInfo info(QVLocalPaths::shared(), platform::SystemFacts::current());
+  return info;
+}
+
+const std::array<QVSysInfo::ReportedApplication, 15>& QVSysInfo::reportedApplications() {
+  static const std::array<ReportedApplication, 15> applications = {{
+      {"com.apple.FinalCutPro", "Final Cut Pro Version"},
+      {"com.apple.FinalCut", "Final Cut Pro X Version"},
+      {"com.apple.motion", "Motion Version"},
+      {"com.apple.motionapp", "Motion 5 Version"},
+      {"com.apple.color", "Color Version"},
+      {"com.apple.dvdstudiopro", "DVD Studio Pro Version"},
+      {"com.apple.soundtrackpro", "Soundtrack Pro Version"},
+      {"com.apple.compressor.Compressor", "Compressor Version"},
+      {"com.apple.Compressor", "Compressor 4 Version"},
+      {"com.apple.livetype", "LiveType Version"},
+      {"com.apple.cinematools", "Cinema Tools Version"},
+      {"com.avid.MediaComposer", "Avid Media Composer Version"},
+      {"com.avid.Symphony", "Avid Symphony Version"},
+      {"com.adobe.AdobePremierePro", "Adobe Premiere Pro Version"},
+      {"com.apple.itunes", "iTunes Version"}, // the profile's only
+  }};
+  return applications;
+}
+
+std::string QVSysInfo::machineType() const {
+  return facts_.modelName.value_or("Unknown");
+}
+
+std::string QVSysInfo::machineSerial() const {
+  return facts_.serialNumber.value_or("Unknown");
+}
+
+unsigned QVSysInfo::processorClockSpeed() const {
+  return facts_.cpuHertz ? static_cast<unsigned>(*facts_.cpuHertz / 1'000'000) : 0;
+}
+
+int QVSysInfo::processorCount() const {
+  return facts_.processorCount;
+}
+
+bool QVSysInfo::isIntel() const {
+  return facts_.isX86;
+}
+
+unsigned QVSysInfo::physicalRAMSize() const {
+  return static_cast<unsigned>(facts_.physicalMemoryMegabytes.value_or(0));
+}
+
+std::array<unsigned, 3> QVSysInfo::systemVersion() const {
+  if (facts_.systemVersion) {
+    return *facts_.systemVersion;
+  }
+  QVLog::console("Unable to obtain system version: {}", kUndefinedSelector);
+  return {10, 5, 0};
+}
+
+std::string QVSysInfo::OSXVersionString() const {
+  return dotted(systemVersion());
+}
+
+std::string QVSysInfo::OSXBuildNumber() const {
+  return facts_.buildVersion.value_or("Unknown");
+}
+
+std::array<unsigned, 3> QVSysInfo::quickTimeVersion() const {
+  QVLog::console("Unable to obtain QuickTime version: {}", kUndefinedSelector);
+  return {7, 0, 0};
+}
+
+std::string QVSysInfo::quickTimeVersionString() const {
+  return dotted(quickTimeVersion());
+}
+
+std::string QVSysInfo::versionStringForBundleID(const std::string& bundleIdentifier) const {
+  const QVLocalPaths::Machine& machine = paths_.machine();
+  auto path = platform::Workspace::forMachine(machine.localRoot, machine.home)
+                  .pathForBundleIdentifier(bundleIdentifier);
+  if (!path) {
+    return "";
+  }
+  auto info = plist::readFile(fs::path(*path) / "Contents/Info.plist");
+  const plist::Value* version = info ? info->get("CFBundleShortVersionString") : nullptr;
+  return version && version->asString() ? *version->asString() : "";
+}
+
+std::array<unsigned, 3> QVSysInfo::splitVersion(const std::string& version) {
+  std::vector<unsigned> parts;
+  std::size_t start = 0;
+  for (;;) {
+    std::size_t dot = version.find('.', start);
+    std::string part = version.substr(start, dot == std::string::npos ? dot : dot - start);
+    parts.push_back(static_cast<unsigned>(std::strtoul(part.c_str(), nullptr, 10)));
+    if (dot == std::string::npos) {
+      break;
+    }
+    start = dot + 1;
+  }
+  if (version.empty() || parts.size() > 3) {
+    return {0, 0, 0};
+  }
+  parts.resize(3, 0);
+  return {parts[0], parts[1], parts[2]};
+}
+
+void QVSysInfo::addBundleRecords(plist::Dictionary& records, const std::string& listed,
+                                 const std::string& bundleFolder, const std::string& infoPath,
+                                 bool (*keep)(const std::string&)) const {
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(listed, ec)) {
+    std::string name = entry.path().filename().string();
+    if (!keep(name)) {
+      continue;
+    }
+    std::string bundle = bundleFolder + "/" + name;
+    auto info = plist::readFile(bundle + infoPath);
+    const plist::Value* version = info ? info->get("CFBundleVersion") : nullptr;
+    if (version == nullptr) {
+      continue;
+    }
+    records.set(name,
+                plist::Dictionary{{"name", name}, {"fullPath", bundle}, {"version", *version}});
+  }
+}
+
+plist::Dictionary QVSysInfo::frameworks() const {
+  plist::Dictionary records;
+  std::string local = paths_.libraryDirectory(false).value_or("");
+  // Both passes build the bundle's path under the local Library: that is how the inventory
+  // has always been taken.
+  addBundleRecords(records, local + "/Frameworks", local + "/Frameworks",
+                   "/Versions/Current/Resources/Info.plist", &isFramework);
+  addBundleRecords(records, paths_.systemLibraryDirectory().value_or("") + "/Frameworks",
+                   local + "/Frameworks", "/Versions/Current/Resources/Info.plist", &isFramework);
+  return records;
+}
+
+plist::Dictionary QVSysInfo::kexts() const {
+  plist::Dictionary records;
+  std::string extensions = paths_.systemLibraryDirectory().value_or("") + "/Extensions";
+  addBundleRecords(records, extensions, extensions, "/Contents/Info.plist", &isKext);
+  return records;
+}
+
+plist::Dictionary QVSysInfo::systemProfile() const {
+  plist::Dictionary profile;
+  profile.set("QuickTime Version", quickTimeVersionString());
+  const auto& applications = reportedApplications();
+  for (std::size_t i = 0; i + 1 < applications.size(); ++i) {
+    profile.set(applications[i].key, versionStringForBundleID(applications[i].bundleIdentifier));
+  }
+  // The plug-in inventory joins here with the plug-in model; until then it is empty.
+  profile.set("Plugins", plist::Dictionary{});
+  profile.set("OS X Version", OSXVersionString());
+  profile.set(applications.back().key,
+              versionStringForBundleID(applications.back().bundleIdentifier));
+  profile.set("Frameworks", frameworks());
+  profile.set("Kexts", kexts());
+  return profile;
+}
+
+plist::Dictionary QVSysInfo::systemSpecs() const {
+  plist::Dictionary specs;
+  specs.set("QuickTime Version", quickTimeVersionString());
+  const auto& applications = reportedApplications();
+  for (std::size_t i = 0; i + 1 < applications.size(); ++i) {
+    specs.set(applications[i].key, versionStringForBundleID(applications[i].bundleIdentifier));
+  }
+  specs.set("OS X Version", OSXVersionString());
+  specs.set("CPU Speed", fmt::format("{:0.2f} GHz", processorClockSpeed() / 1000.0));
+  specs.set("Number of CPUs", fmt::format("{}", processorCount()));
+  specs.set("Intel Processor", isIntel() ? "Yes" : "No");
+  specs.set("Memory Size", fmt::format("{:0.2f} GB", physicalRAMSize() * (1.0 / 1024)));
+  specs.set("Logged in User", paths_.machine().ownUserName);
+  specs.set("Hardware Model", machineType());
+  specs.set("OS Build", OSXBuildNumber());
+  specs.set("Serial Number", machineSerial());
+  return specs;
+}
+
+} // namespace kestrin
