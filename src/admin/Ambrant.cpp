@@ -11,6 +11,7 @@
 
 #include "admin/AdminClient.h"
 #include "admin/JsonValue.h"
+#include "foundation/QVEncryption.h"
 #include "platform/ServiceBrowser.h"
 #include "plist/PropertyList.h"
 #include "support/NamedException.h"
@@ -176,6 +177,15 @@ int watch(const std::vector<std::string>& arguments) {
   return (*session)->client->connection().isConnected() ? kOk : kUnreachable;
 }
 
+// The "authPass" data for a password read from standard input (one line; its line end is not
+// part of the password).
+int encryptPassword() {
+  std::string password;
+  std::getline(std::cin, password);
+  std::cout << base64Encode(QVEncryption::encryptPassword(password)) << std::endl;
+  return kOk;
+}
+
 int browse(std::vector<std::string> arguments) {
   double timeout = optionValue(arguments, "--timeout").value_or(3.0);
   if (!arguments.empty()) {
@@ -219,10 +229,7 @@ int ambrantMain(const std::vector<std::string>& arguments) {
       return browse(rest);
     }
     if (command == "encrypt-password") {
-      std::cerr << "ambrant: encrypt-password needs the passphrase encryption, which this build "
-                   "lacks"
-                << std::endl;
-      return kUnreachable;
+      return encryptPassword();
     }
   } catch (const std::invalid_argument&) {
     std::cerr << "ambrant: an option's value is not a number" << std::endl;

@@ -7,5 +7,6 @@ class OperationTable;
 // One function per group of remote operations, each defined in the source of that name.
 void addControllerOperations(OperationTable& table);
 void addErrorChannelOperations(OperationTable& table);
+void addCredentialOperations(OperationTable& table);
 
 } // namespace kestrin::operations

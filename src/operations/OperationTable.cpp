@@ -28,6 +28,7 @@ const OperationTable& OperationTable::agentOperations() {
     OperationTable built;
     addControllerOperations(built);
     addErrorChannelOperations(built);
+    addCredentialOperations(built);
     return built;
   }();
   return table;

@@ -9,9 +9,11 @@
 
 #include "RunningAgent.h"
 #include "admin/AdminClient.h"
+#include "admin/JsonValue.h"
 #include "admin/QVCallback.h"
 #include "fixtures/PrivateSessionBus.h"
 #include "fixtures/RecordingObject.h"
+#include "foundation/QVEncryption.h"
 #include "platform/NotificationCenter.h"
 #include "support/NamedException.h"
 
@@ -142,6 +144,31 @@ TEST_F(RemoteService, AClientKilledWhileTheAgentCallsIntoItCostsNothingButItsCal
   auto callback = registeredCallback(*admin); // prunes the dead one on the way
   admin->root()->invoke("postErrorString:", {Value("after the crash")});
   EXPECT_EQ(callback->calls().back().arguments[0], Value("after the crash"));
+}
+
+TEST_F(RemoteService, EncryptedPasswordsFromAmbrantOpenRightsOnlyForValidCredentials) {
+  std::string command =
+      "echo 'pass word ' | " + std::string(KESTRIN_AMBRANT_PATH) + " encrypt-password";
+  FILE* pipe = ::popen(command.c_str(), "r");
+  char line[256] = {};
+  ASSERT_NE(std::fgets(line, sizeof line, pipe), nullptr);
+  ASSERT_EQ(::pclose(pipe), 0);
+  std::string encoded(line);
+  encoded.erase(encoded.find_last_not_of("\n") + 1);
+  auto data = admin::base64Decode(encoded);
+  ASSERT_TRUE(data.ok());
+  EXPECT_EQ(QVEncryption::decryptPassword(*data), "pass word");
+
+  auto admin = connect();
+  Value answer = admin->root()->invoke(
+      "authWithDict:",
+      {Value(plist::Dictionary{{"authUser", "nobody-here"}, {"authPass", *data}})});
+  if (::getuid() == 0) {
+    EXPECT_TRUE(answer.isNull()); // an agent running as root needs no credentials
+  } else {
+    EXPECT_EQ(answer, Value(plist::ErrorRecord{"ambrantDomain", 1006, {}}));
+    EXPECT_TRUE(agent.logContains("Unable to authorize. Username and password may be incorrect."));
+  }
 }
 
 TEST(RemoteServiceInstances, ASecondAgentRegistersUnderAUuidPrefixedName) {

@@ -1,0 +1,122 @@
+#include "foundation/QVEncryption.h"
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <stdexcept>
+
+#include <openssl/evp.h>
+
+namespace kestrin {
+
+namespace {
+
+constexpr std::size_t kBlock = 16;
+using Key = std::array<unsigned char, 32>;
+
+Key keyFor(std::string_view passphrase) {
+  Key key{};
+  std::copy_n(passphrase.begin(), std::min(passphrase.size(), key.size()), key.begin());
+  return key;
+}
+
+// One cipher context driven a block at a time with padding off, so the block handling above
+// it stays the scheme's own.
+class BlockCipher {
+public:
+  BlockCipher(const Key& key, bool encrypt) : context_(EVP_CIPHER_CTX_new(), &EVP_CIPHER_CTX_free) {
+    if (!context_ ||
+        EVP_CipherInit_ex(context_.get(), EVP_aes_256_ecb(), nullptr, key.data(), nullptr,
+                          encrypt ? 1 : 0) != 1 ||
+        EVP_CIPHER_CTX_set_padding(context_.get(), 0) != 1) {
+      throw std::runtime_error("AES-256 is not available");
+    }
+  }
+
+  void process(const unsigned char* in, unsigned char* out) {
+    int length = 0;
+    if (EVP_CipherUpdate(context_.get(), out, &length, in, static_cast<int>(kBlock)) != 1 ||
+        length != static_cast<int>(kBlock)) {
+      throw std::runtime_error("AES block operation failed");
+    }
+  }
+
+private:
+  std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context_;
+};
+
+bool isSpace(unsigned char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+}
+
+} // namespace
+
+plist::Data QVEncryption::AESEncryptData(const plist::Data& data, std::string_view passphrase) {
+  BlockCipher cipher(keyFor(passphrase), true);
+  plist::Data out;
+  out.reserve((data.size() + kBlock - 1) / kBlock * kBlock);
+  std::array<unsigned char, kBlock> block{};
+  for (std::size_t at = 0; at < data.size(); at += kBlock) {
+    std::size_t n = std::min(kBlock, data.size() - at);
+    block.fill(' ');
+    std::copy_n(data.begin() + static_cast<long>(at), n, block.begin());
+    std::array<unsigned char, kBlock> encrypted{};
+    cipher.process(block.data(), encrypted.data());
+    out.insert(out.end(), encrypted.begin(), encrypted.end());
+  }
+  return out;
+}
+
+plist::Data QVEncryption::AESDecryptData(const plist::Data& data, std::string_view passphrase) {
+  BlockCipher cipher(keyFor(passphrase), false);
+  plist::Data out;
+  // A short final block keeps the previous block's cipher bytes behind its own, as the
+  // original routine's buffer did.
+  std::array<unsigned char, kBlock> block{};
+  for (std::size_t at = 0; at < data.size(); at += kBlock) {
+    std::size_t n = std::min(kBlock, data.size() - at);
+    std::copy_n(data.begin() + static_cast<long>(at), n, block.begin());
+    std::array<unsigned char, kBlock> decrypted{};
+    cipher.process(block.data(), decrypted.data());
+    out.insert(out.end(), decrypted.begin(), decrypted.end());
+  }
+  return out;
+}
+
+plist::Data QVEncryption::encryptPassword(std::string_view password) {
+  return AESEncryptData(plist::Data(password.begin(), password.end()), kPasscode);
+}
+
+std::string QVEncryption::decryptPassword(const plist::Data& data) {
+  if (data.empty()) {
+    return "";
+  }
+  plist::Data plain = AESDecryptData(data, kPasscode);
+  std::string text(plain.begin(), plain.end());
+  // Undecodable text counts as no password.
+  for (std::size_t i = 0; i < text.size();) {
+    unsigned char c = static_cast<unsigned char>(text[i]);
+    std::size_t length = c < 0x80         ? 1
+                         : (c >> 5) == 6  ? 2
+                         : (c >> 4) == 14 ? 3
+                         : (c >> 3) == 30 ? 4
+                                          : 0;
+    if (length == 0 || i + length > text.size()) {
+      return "";
+    }
+    for (std::size_t k = 1; k < length; ++k) {
+      if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) {
+        return "";
+      }
+    }
+    i += length;
+  }
+  auto first = std::find_if_not(text.begin(), text.end(),
+                                [](char c) { return isSpace(static_cast<unsigned char>(c)); });
+  auto last = std::find_if_not(text.rbegin(), text.rend(), [](char c) {
+                return isSpace(static_cast<unsigned char>(c));
+              }).base();
+  return first < last ? std::string(first, last) : "";
+}
+
+} // namespace kestrin

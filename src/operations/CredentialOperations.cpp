@@ -1,0 +1,110 @@
+// Remote credentials: an administrator's user name and the password encrypted under the shared
+// passcode, turned into administrator rights for the operations that need them.
+
+#include <filesystem>
+
+#include <unistd.h>
+
+#include "app/AppController.h"
+#include "foundation/QVAuthorization.h"
+#include "foundation/QVEncryption.h"
+#include "foundation/QVLog.h"
+#include "foundation/QVTaskEx.h"
+#include "operations/OperationGroups.h"
+#include "operations/OperationTable.h"
+
+namespace kestrin::operations {
+
+namespace {
+
+using plist::Value;
+
+std::string passwordFrom(const Value& data) {
+  const plist::Data* bytes = data.asData();
+  return bytes ? QVEncryption::decryptPassword(*bytes) : "";
+}
+
+// Null when the credentials open an authorisation, otherwise the error to report (1006).
+Value authWithDict(const plist::Dictionary& credentials) {
+  const Value* user = credentials.find("authUser");
+  const Value* pass = credentials.find("authPass");
+  std::optional<std::string> name;
+  if (user && user->asString()) {
+    name = *user->asString();
+  }
+  std::string password = pass ? passwordFrom(*pass) : "";
+  if (QVAuthorization::sharedController(false).authStartWithUser(name, password)) {
+    return {};
+  }
+  QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
+  return plist::ErrorRecord{"ambrantDomain", 1006, {}};
+}
+
+bool canChange(const std::filesystem::path& path) {
+  return ::access(path.c_str(), W_OK) == 0;
+}
+
+} // namespace
+
+void addCredentialOperations(OperationTable& table) {
+  table.add(
+      "validateUsername:password:",
+      [](AppController&, const Arguments& a) {
+        return Value(QVAuthorization::sharedController(false).authStartWithUser(
+            a.optionalString(0), passwordFrom(a.at(1))));
+      },
+      false);
+
+  table.add(
+      "authWithDict:",
+      [](AppController&, const Arguments& a) {
+        return authWithDict(a.optionalDictionary(0).value_or(plist::Dictionary{}));
+      },
+      Value(plist::ErrorRecord{"ambrantDomain", -1, {}}));
+
+  table.add(
+      "launchAuthTask:arguments:authInfo:",
+      [](AppController& controller, const Arguments& a) {
+        Value refused = authWithDict(a.optionalDictionary(2).value_or(plist::Dictionary{}));
+        if (const plist::ErrorRecord* error = refused.asError()) {
+          controller.errorChannel().postErrorWithCode(error->code, std::nullopt);
+          return refused;
+        }
+        std::vector<std::string> arguments;
+        for (const Value& argument : a.array(1)) {
+          arguments.push_back(argument.asString() ? *argument.asString()
+                                                  : plist::describe(argument));
+        }
+        QVLog::appendLog("Executing auth task...");
+        QVAuthorization::sharedController(false).authExecTask(a.string(0), arguments);
+        QVLog::appendLog("Ending authorization...");
+        QVAuthorization::sharedController(false).authEnd();
+        return Value();
+      },
+      Value(plist::ErrorRecord{"ambrantDomain", -1, {}}));
+
+  table.add(
+      "needsAdminAccess:",
+      [](AppController& controller, const Arguments& a) {
+        controller.errorChannel().setProcessingCancelled(false);
+        for (const Value& entry : a.array(0)) {
+          if (!entry.asString()) {
+            continue;
+          }
+          std::filesystem::path path(*entry.asString());
+          std::filesystem::path parent = path.parent_path();
+          std::error_code ec;
+          if (!std::filesystem::exists(parent, ec)) {
+            continue;
+          }
+          // Deleting a path needs write access to its folder; changing it, to itself.
+          if ((std::filesystem::exists(path, ec) && !canChange(path)) || !canChange(parent)) {
+            return Value(true);
+          }
+        }
+        return Value(false);
+      },
+      false);
+}
+
+} // namespace kestrin::operations
