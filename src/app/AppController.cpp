@@ -12,11 +12,13 @@
 #include "app/MainLoop.h"
 #include "app/ServiceState.h"
 #include "foundation/QVAuthorization.h"
+#include "foundation/QVBugReporter.h"
 #include "foundation/QVException.h"
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
 #include "foundation/QVTaskEx.h"
 #include "operations/OperationTable.h"
+#include "platform/ToolTable.h"
 #include "plist/PropertyList.h"
 #include "transport/HostIdentity.h"
 
@@ -65,8 +67,20 @@ AppController::~AppController() {
       t.join();
     }
   }
-  std::lock_guard lock(serviceMutex_);
-  service_.reset(); // stops both endpoints before the rest of the controller goes
+  {
+    std::lock_guard lock(serviceMutex_);
+    service_.reset(); // stops both endpoints before the rest of the controller goes
+  }
+  if (initialized_) {
+    // Reaching here is the orderly end; a killed agent never writes this stamp.
+    QVBugReporter::stopBugReporter(environment_.paths, platform::ToolTable::shared(),
+                                   preferences_.path());
+  }
+}
+
+std::optional<std::string> AppController::takeLastCrashLogPath() {
+  std::lock_guard lock(stateMutex_);
+  return std::exchange(lastCrashLogPath_, std::nullopt);
 }
 
 void AppController::startThread(std::function<void()> fn) {
@@ -75,7 +89,16 @@ void AppController::startThread(std::function<void()> fn) {
 }
 
 bool AppController::init() {
+  // The new log opens first so that a crash found in the previous run is written into it:
+  // before the first log of this process there is no file to take the line.
   QVLog::createNewLog(std::string(kApplicationName));
+  QVBugReporter::startBugReporter(environment_.paths, platform::ToolTable::shared(),
+                                  std::string(kApplicationName), preferences_.path(),
+                                  [this](const std::string& crashLog) {
+                                    std::lock_guard lock(stateMutex_);
+                                    lastCrashLogPath_ = crashLog;
+                                  });
+  initialized_ = true;
   connectNotificationCenter();
   updateStatus("Starting up...");
   disconnectAllOtherInstances();

@@ -158,6 +158,9 @@ public:
   std::string hostName() const;
   bool isConnected() const { return isConnected_; }
 
+  // The crash report of the previous run, once: the configuration reports it a single time.
+  std::optional<std::string> takeLastCrashLogPath();
+
   // ---- state that other parts read
   bool isQuitting() const { return isQuitting_; }
   bool isRelaunching() const { return isRelaunching_; }
@@ -175,6 +178,7 @@ private:
   Environment environment_;
   PreferenceFile preferences_;
 
+  std::atomic<bool> initialized_{false};
   std::atomic<bool> maintenanceRequested_{false};
   std::atomic<bool> isQuitting_{false};
   std::atomic<bool> isConnected_{false};
@@ -184,6 +188,7 @@ private:
 
   mutable std::mutex stateMutex_; // guards the values below, replaced whole
   std::string statusString_;
+  std::optional<std::string> lastCrashLogPath_;
   plist::Value availableUpdateCount_;
   plist::Value availableUpdateCountLastUpdate_;
   plist::Value iconDict_;

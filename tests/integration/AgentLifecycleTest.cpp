@@ -1,4 +1,6 @@
 #include <csignal>
+#include <fstream>
+#include <thread>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -67,6 +69,47 @@ TEST_F(AgentLifecycle, SigintStopsItTheSameWay) {
   ASSERT_TRUE(status.has_value());
   EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
   EXPECT_TRUE(logContains("Disconnected"));
+}
+
+// A crash report of the killed run, as the system would leave it.
+void leaveCrashReport(const std::filesystem::path& home) {
+  auto reports = home / "Library/Logs/DiagnosticReports";
+  auto local = home.parent_path() / "root/Library/Logs/DiagnosticReports";
+  std::filesystem::create_directories(local);
+  std::ofstream(local / "Kestrin_2026-11-23-120000_studio.crash") << "crashed";
+  std::filesystem::create_directories(reports);
+  std::ofstream(reports / "Kestrin_2026-11-23-120000_studio.crash") << "crashed";
+}
+
+TEST_F(AgentLifecycle, AKilledRunIsReportedAtTheNextStartAndAnOrderlyOneIsNot) {
+  std::filesystem::create_directories(home());
+  {
+    AgentProcess agent(KESTRIN_AGENT_PATH, {}, environment(), dir.path() / "agent.out");
+    ASSERT_TRUE(eventually([&] { return logContains("Loading settings..."); }));
+    agent.signal(SIGTERM);
+    ASSERT_TRUE(agent.waitForExit(20s).has_value());
+  }
+  std::this_thread::sleep_for(1100ms); // the stamps keep whole seconds
+  {
+    AgentProcess agent(KESTRIN_AGENT_PATH, {}, environment(), dir.path() / "agent.out");
+    ASSERT_TRUE(eventually([&] { return logContains("Loading settings..."); }));
+    std::this_thread::sleep_for(1100ms);
+    leaveCrashReport(home());
+    EXPECT_FALSE(logContains("Application crashed on last launch"));
+    agent.signal(SIGKILL);
+    ASSERT_TRUE(agent.waitForExit(20s).has_value());
+  }
+  AgentProcess agent(KESTRIN_AGENT_PATH, {}, environment(), dir.path() / "agent.out");
+  EXPECT_TRUE(eventually([&] {
+    // The report goes to the log that was current when the new run started.
+    for (int n = 1; n <= 5; ++n) {
+      auto file = log().parent_path() / ("Kestrin." + std::to_string(n) + ".log");
+      if (readText(file).find("Application crashed on last launch") != std::string::npos) {
+        return true;
+      }
+    }
+    return false;
+  }));
 }
 
 } // namespace
