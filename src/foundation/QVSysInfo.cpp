@@ -185,13 +185,18 @@ plist::Dictionary QVSysInfo::kexts() const {
   return records;
 }
 
+void QVSysInfo::addVersions(plist::Dictionary& into) const {
+  into.set("QuickTime Version", quickTimeVersionString());
+  const auto& applications = reportedApplications();
+  for (std::size_t i = 0; i + 1 < applications.size(); ++i) { // iTunes is the profile's only
+    into.set(applications[i].key, versionStringForBundleID(applications[i].bundleIdentifier));
+  }
+}
+
 plist::Dictionary QVSysInfo::systemProfile() const {
   plist::Dictionary profile;
-  profile.set("QuickTime Version", quickTimeVersionString());
+  addVersions(profile);
   const auto& applications = reportedApplications();
-  for (std::size_t i = 0; i + 1 < applications.size(); ++i) {
-    profile.set(applications[i].key, versionStringForBundleID(applications[i].bundleIdentifier));
-  }
   // The plug-in inventory joins here with the plug-in model; until then it is empty.
   profile.set("Plugins", plist::Dictionary{});
   profile.set("OS X Version", OSXVersionString());
@@ -204,11 +209,7 @@ plist::Dictionary QVSysInfo::systemProfile() const {
 
 plist::Dictionary QVSysInfo::systemSpecs() const {
   plist::Dictionary specs;
-  specs.set("QuickTime Version", quickTimeVersionString());
-  const auto& applications = reportedApplications();
-  for (std::size_t i = 0; i + 1 < applications.size(); ++i) {
-    specs.set(applications[i].key, versionStringForBundleID(applications[i].bundleIdentifier));
-  }
+  addVersions(specs);
   specs.set("OS X Version", OSXVersionString());
   specs.set("CPU Speed", fmt::format("{:0.2f} GHz", processorClockSpeed() / 1000.0));
   specs.set("Number of CPUs", fmt::format("{}", processorCount()));

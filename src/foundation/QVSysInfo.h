@@ -52,6 +52,8 @@ public:
   static const std::array<ReportedApplication, 15>& reportedApplications();
 
 private:
+  // "QuickTime Version" and the fourteen application versions, in their order.
+  void addVersions(plist::Dictionary& into) const;
   void addBundleRecords(plist::Dictionary& records, const std::string& listed,
                         const std::string& bundleFolder, const std::string& infoPath,
                         bool (*keep)(const std::string&)) const;

@@ -7,17 +7,11 @@
 #include <avahi-common/thread-watch.h>
 
 #include "platform/ServiceAdvertiser.h"
+#include "platform/linux/AvahiType.h"
 
 namespace kestrin::platform {
 
 namespace {
-
-std::string avahiType(std::string type) {
-  if (!type.empty() && type.back() == '.') {
-    type.pop_back();
-  }
-  return type;
-}
 
 class AvahiServiceAdvertiser final : public ServiceAdvertiser {
 public:

@@ -8,17 +8,11 @@
 #include <avahi-common/simple-watch.h>
 
 #include "platform/ServiceBrowser.h"
+#include "platform/linux/AvahiType.h"
 
 namespace kestrin::platform {
 
 namespace {
-
-std::string avahiType(std::string type) {
-  if (!type.empty() && type.back() == '.') {
-    type.pop_back();
-  }
-  return type;
-}
 
 // One browse: everything lives on the calling thread's simple poll.
 struct Browse {
