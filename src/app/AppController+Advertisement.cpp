@@ -138,18 +138,14 @@ void AppController::publishService() {
     if (s.listenBSDName && !s.listenBSDName->empty()) {
       QVLog::appendLog("Broadcasting on interface {}.", *s.listenBSDName);
       registration.interfaceName = *s.listenBSDName;
-      std::string record = txtRecord(txt);
-      // The responder takes the record as its entries.
-      for (std::size_t at = 0; at < record.size() && record[at] != '\0';) {
-        std::size_t length = static_cast<unsigned char>(record[at]);
-        registration.txt.push_back(record.substr(at + 1, length));
-        at += 1 + length;
-      }
+      registration.txt = platform::TxtRecord{txtRecord(txt)};
     } else {
       QVLog::appendLog("Broadcasting on any interface.");
+      platform::TxtPairs pairs;
       for (const auto& [key, value] : txt) {
-        registration.txt.push_back(key + "=" + stringOf(value));
+        pairs.emplace_back(key, stringOf(value));
       }
+      registration.txt = std::move(pairs);
       QVLog::appendLog("Publishing...");
     }
     s.advertiser->publish(registration);

@@ -14,7 +14,7 @@ struct FoundService {
   std::string host;
   std::string address;
   int port = 0;
-  std::vector<std::pair<std::string, std::string>> txt;
+  std::vector<std::pair<std::string, std::string>> txt; // in the record's order
 };
 
 // Every service of the type that answers within the time limit, resolved. A Failure when no

@@ -3,14 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <climits>
 #include <fstream>
 #include <random>
 
-#include <netdb.h>
-#include <unistd.h>
-
 #include <fmt/format.h>
+
+#include "platform/NetworkProfile.h"
 
 namespace kestrin::transport {
 
@@ -50,25 +48,8 @@ std::string hostNameFrom(const std::vector<std::string>& names, const std::strin
 }
 
 std::string currentHostName() {
-  char buffer[HOST_NAME_MAX + 1] = {};
-  ::gethostname(buffer, sizeof buffer - 1);
-  std::string primary = buffer;
-  std::vector<std::string> names = {primary};
-  if (primary.find('.') == std::string::npos) {
-    names.push_back(primary + ".local");
-  }
-  addrinfo hints{};
-  hints.ai_flags = AI_CANONNAME;
-  addrinfo* found = nullptr;
-  if (::getaddrinfo(primary.c_str(), nullptr, &hints, &found) == 0) {
-    for (addrinfo* entry = found; entry != nullptr; entry = entry->ai_next) {
-      if (entry->ai_canonname != nullptr) {
-        names.emplace_back(entry->ai_canonname);
-      }
-    }
-    ::freeaddrinfo(found);
-  }
-  return hostNameFrom(names, primary);
+  platform::HostNames host = platform::hostNames();
+  return hostNameFrom(host.names, host.primary);
 }
 
 std::string generateUUID() {

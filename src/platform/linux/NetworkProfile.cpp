@@ -1,8 +1,11 @@
 #include "platform/NetworkProfile.h"
 
 #include <arpa/inet.h>
+#include <climits>
 #include <ifaddrs.h>
+#include <netdb.h>
 #include <netinet/in.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -71,6 +74,27 @@ plist::Value networkDataType() {
   }
   return plist::Array{
       plist::Dictionary{{"_dataType", "SPNetworkDataType"}, {"_items", std::move(items)}}};
+}
+
+HostNames hostNames() {
+  char buffer[HOST_NAME_MAX + 1] = {};
+  ::gethostname(buffer, sizeof buffer - 1);
+  HostNames result{buffer, {buffer}};
+  if (result.primary.find('.') == std::string::npos) {
+    result.names.push_back(result.primary + ".local");
+  }
+  addrinfo hints{};
+  hints.ai_flags = AI_CANONNAME;
+  addrinfo* found = nullptr;
+  if (::getaddrinfo(result.primary.c_str(), nullptr, &hints, &found) == 0) {
+    for (addrinfo* entry = found; entry != nullptr; entry = entry->ai_next) {
+      if (entry->ai_canonname != nullptr) {
+        result.names.emplace_back(entry->ai_canonname);
+      }
+    }
+    ::freeaddrinfo(found);
+  }
+  return result;
 }
 
 } // namespace kestrin::platform
