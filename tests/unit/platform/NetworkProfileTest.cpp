@@ -39,17 +39,6 @@ TEST(NetworkProfile, DescribesTheLoopbackInterfaceInTheProfilerShape) {
   EXPECT_EQ(loopback->get("ip_address")->asArray()->front(), plist::Value("127.0.0.1"));
 }
 
-TEST(NetworkProfile, HostNamesStartWithThePrimaryNameAndItsLocalForm) {
-  HostNames host = hostNames();
-  ASSERT_FALSE(host.primary.empty());
-  ASSERT_FALSE(host.names.empty());
-  EXPECT_EQ(host.names.front(), host.primary);
-  if (host.primary.find('.') == std::string::npos) {
-    ASSERT_GE(host.names.size(), 2u);
-    EXPECT_EQ(host.names[1], host.primary + ".local");
-  }
-}
-
 TEST(TxtEntries, ReadsLengthPrefixedEntriesAndRefusesTruncatedOnes) {
   auto entries = txtEntries(std::string("\x03"
                                         "a=1"
