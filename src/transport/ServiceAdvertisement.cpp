@@ -108,6 +108,11 @@ void ServiceAdvertisement::stop() {
   }
 }
 
+void ServiceAdvertisement::Listener::didPublish(const std::string&) {
+  // The responder is back: the next time it goes away is worth a line again.
+  owner_.reportedAbsence_ = false;
+}
+
 void ServiceAdvertisement::Listener::didNotPublish(const plist::Dictionary& error) {
   // An interface-bound registration has never had a failure callback.
   if (!owner_.interfaceBound_) {

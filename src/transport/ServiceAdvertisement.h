@@ -20,7 +20,8 @@ struct AdvertisedEndpoint {
   std::optional<std::string> model;           // "model", the machine's model identifier
 };
 
-// The DNS-SD advertisement of the listening endpoint as "_kestrin._tcp.".
+// The DNS-SD advertisement of the listening endpoint as "_kestrin._tcp.". An absent responder
+// is no failure: it is logged once per absence and the service goes out when it appears.
 //
 // Threads: publishService() and stop() are called by the controller under its service lock;
 // the delegate hears from the advertiser's own thread.
@@ -71,6 +72,7 @@ private:
   class Listener : public platform::ServiceAdvertiser::Listener {
   public:
     explicit Listener(ServiceAdvertisement& owner) : owner_(owner) {}
+    void didPublish(const std::string& name) override;
     void didNotPublish(const plist::Dictionary& error) override;
     void daemonUnavailable(const std::string& reason) override;
 

@@ -127,7 +127,7 @@ TEST_F(ServiceAdvertisementTest, InterfaceBoundPublishesTheHandBuiltRecordAndSta
   EXPECT_EQ(advertisersMade, 1);
 }
 
-TEST_F(ServiceAdvertisementTest, AnAbsentResponderIsLoggedOnceAndIsNoFailure) {
+TEST_F(ServiceAdvertisementTest, AnAbsentResponderIsLoggedOncePerAbsenceAndIsNoFailure) {
   advertisement.publishService({});
   record.listener->daemonUnavailable("the DNS-SD responder is not running");
   record.listener->daemonUnavailable("the DNS-SD responder is not running");
@@ -137,6 +137,11 @@ TEST_F(ServiceAdvertisementTest, AnAbsentResponderIsLoggedOnceAndIsNoFailure) {
   auto first = log.find(line);
   ASSERT_NE(first, std::string::npos);
   EXPECT_EQ(log.find(line, first + 1), std::string::npos);
+  // Once the service went out, a responder that goes away again is logged again.
+  record.listener->didPublish("host");
+  record.listener->daemonUnavailable("the DNS-SD responder is not running");
+  log = machine.logText();
+  EXPECT_NE(log.find(line, first + 1), std::string::npos);
 
   advertisement.stop();
   EXPECT_EQ(record.stops, 1);
