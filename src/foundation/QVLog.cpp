@@ -1,8 +1,5 @@
 #include "foundation/QVLog.h"
 
-#include "platform/SystemFacts.h"
-#include "platform/Workspace.h"
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -15,11 +12,13 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/utsname.h>
 #include <unistd.h>
 
 #include "foundation/QVLocalPaths.h"
+#include "foundation/QVSysInfo.h"
 #include "foundation/SerialQueue.h"
+#include "platform/SystemFacts.h"
+#include "platform/Workspace.h"
 #include "plist/PropertyList.h"
 #include "plist/Value.h"
 #include "support/Syscall.h"
@@ -350,36 +349,35 @@ QVLog::Config QVLog::configFromEnvironment() {
 }
 
 QVLog::Config QVLog::configFromPaths(const QVLocalPaths& paths) {
+  std::error_code error;
+  fs::path executable = fs::read_symlink("/proc/self/exe", error);
+  QVSysInfo info(paths, platform::SystemFacts::current());
+  return configFromPaths(paths, info,
+                         error ? std::nullopt : std::optional<std::string>(executable.string()));
+}
+
+QVLog::Config QVLog::configFromPaths(const QVLocalPaths& paths, const QVSysInfo& info,
+                                     const std::optional<std::string>& executable) {
   Config config;
   config.userLogDirectory = paths.libraryDirectory(true).value_or("") + "/Logs/Quorvane";
   config.rootLogDirectory = paths.libraryDirectory(false).value_or("") + "/Logs/Quorvane";
   config.runningAsRoot = paths.runningAsRoot();
   config.globalPrefsPath = paths.prefsDirectory(true).value_or("") + "/com.quorvane.global.plist";
 
-  std::error_code error;
-  fs::path executable = fs::read_symlink("/proc/self/exe", error);
-  if (!error) {
-    config.defaultAppName = executable.stem().string();
-    config.executablePath = executable.string();
-  }
-
-  // The header's facts, read directly: the system-information class reports through the log.
-  platform::SystemFacts facts = platform::SystemFacts::current();
-  if (facts.systemVersion) {
-    const auto& v = *facts.systemVersion;
-    config.osVersion = fmt::format("{}.{}.{}", v[0], v[1], v[2]);
-  }
-  config.cpuCount = facts.processorCount;
-  if (facts.physicalMemoryMegabytes) {
-    config.ramGigabytes = static_cast<double>(*facts.physicalMemoryMegabytes) / 1024.0;
-  }
-  const QVLocalPaths::Machine& machine = paths.machine();
-  if (auto bundle = platform::Workspace::forMachine(machine.localRoot, machine.home).mainBundle()) {
-    const plist::Value* version = bundle->info.find("CFBundleVersion");
-    if (version && version->asString()) {
-      config.bundleVersion = *version->asString();
+  if (executable) {
+    config.defaultAppName = fs::path(*executable).stem().string();
+    config.executablePath = *executable;
+    if (auto bundle = platform::Workspace({}, executable).mainBundle()) {
+      const plist::Value* version = bundle->info.find("CFBundleVersion");
+      if (version && version->asString()) {
+        config.bundleVersion = *version->asString();
+      }
     }
   }
+
+  config.osVersion = info.OSXVersionString();
+  config.cpuCount = info.processorCount();
+  config.ramGigabytes = info.physicalRAMSize() / 1024.0;
   return config;
 }
 

@@ -13,6 +13,7 @@
 namespace kestrin {
 
 class QVLocalPaths;
+class QVSysInfo;
 
 // The process-wide text log shared by the maker's applications: up to five numbered files per
 // application ("%@.1.log" newest to "%@.5.log" oldest), one writer thread that writes every
@@ -45,6 +46,11 @@ public:
   static Config configFromEnvironment();
   // The same with the folders of the given machine.
   static Config configFromPaths(const QVLocalPaths& paths);
+  // The same with the header's facts from info, and the program's name, version and path from
+  // executable: the version is the CFBundleVersion of the bundle that holds it, when it sits in
+  // one (as the agent always does); no executable gives no "Path" line.
+  static Config configFromPaths(const QVLocalPaths& paths, const QVSysInfo& info,
+                                const std::optional<std::string>& executable);
 
   explicit QVLog(Config config);
   // Waits for pending lines (when fewer than 20 are queued) and closes the file.

@@ -38,6 +38,19 @@ std::string dotted(const std::array<unsigned, 3>& v) {
   return fmt::format("{}.{}.{}", v[0], v[1], v[2]);
 }
 
+void assignParts(const std::array<unsigned, 3>& parts, unsigned* major, unsigned* minor,
+                 unsigned* bugFix) {
+  if (major != nullptr) {
+    *major = parts[0];
+  }
+  if (minor != nullptr) {
+    *minor = parts[1];
+  }
+  if (bugFix != nullptr) {
+    *bugFix = parts[2];
+  }
+}
+
 } // namespace
 
 const QVSysInfo& QVSysInfo::shared() {
@@ -102,6 +115,10 @@ std::string QVSysInfo::OSXVersionString() const {
   return dotted(systemVersion());
 }
 
+void QVSysInfo::getSystemVersionMajor(unsigned* major, unsigned* minor, unsigned* bugFix) const {
+  assignParts(systemVersion(), major, minor, bugFix);
+}
+
 std::string QVSysInfo::OSXBuildNumber() const {
   return facts_.buildVersion.value_or("Unknown");
 }
@@ -109,6 +126,10 @@ std::string QVSysInfo::OSXBuildNumber() const {
 std::array<unsigned, 3> QVSysInfo::quickTimeVersion() const {
   QVLog::console("Unable to obtain QuickTime version: {}", kUndefinedSelector);
   return {7, 0, 0};
+}
+
+void QVSysInfo::getQuickTimeVersionMajor(unsigned* major, unsigned* minor, unsigned* bugFix) const {
+  assignParts(quickTimeVersion(), major, minor, bugFix);
 }
 
 std::string QVSysInfo::quickTimeVersionString() const {
@@ -146,15 +167,76 @@ std::array<unsigned, 3> QVSysInfo::splitVersion(const std::string& version) {
   return {parts[0], parts[1], parts[2]};
 }
 
+void QVSysInfo::getAppMajorVersion(unsigned* major, unsigned* minor, unsigned* bugFix,
+                                   const std::string& versionString) {
+  assignParts(splitVersion(versionString), major, minor, bugFix);
+}
+
+std::string QVSysInfo::reportedVersion(std::size_t index) const {
+  return versionStringForBundleID(reportedApplications()[index].bundleIdentifier);
+}
+
+// In the order of reportedApplications().
+std::string QVSysInfo::finalCutProVersionString() const {
+  return reportedVersion(0);
+}
+std::string QVSysInfo::finalCutProXVersionString() const {
+  return reportedVersion(1);
+}
+std::string QVSysInfo::motionVersionString() const {
+  return reportedVersion(2);
+}
+std::string QVSysInfo::motion5VersionString() const {
+  return reportedVersion(3);
+}
+std::string QVSysInfo::colorVersionString() const {
+  return reportedVersion(4);
+}
+std::string QVSysInfo::dvdspVersionString() const {
+  return reportedVersion(5);
+}
+std::string QVSysInfo::soundtrackProVersionString() const {
+  return reportedVersion(6);
+}
+std::string QVSysInfo::compressorVersionString() const {
+  return reportedVersion(7);
+}
+std::string QVSysInfo::compressor4VersionString() const {
+  return reportedVersion(8);
+}
+std::string QVSysInfo::liveTypeVersionString() const {
+  return reportedVersion(9);
+}
+std::string QVSysInfo::cinemaToolsVersionString() const {
+  return reportedVersion(10);
+}
+std::string QVSysInfo::avidVersionString() const {
+  return reportedVersion(11);
+}
+std::string QVSysInfo::avidSymphonyVersionString() const {
+  return reportedVersion(12);
+}
+std::string QVSysInfo::premiereVersionString() const {
+  return reportedVersion(13);
+}
+std::string QVSysInfo::iTunesVersionString() const {
+  return reportedVersion(14);
+}
+
 void QVSysInfo::addBundleRecords(plist::Dictionary& records, const std::string& listed,
                                  const std::string& bundleFolder, const std::string& infoPath,
                                  bool (*keep)(const std::string&)) const {
+  // Sorted so that the records come in the same order on every machine and every run.
+  std::vector<std::string> names;
   std::error_code ec;
   for (const auto& entry : fs::directory_iterator(listed, ec)) {
     std::string name = entry.path().filename().string();
-    if (!keep(name)) {
-      continue;
+    if (keep(name)) {
+      names.push_back(std::move(name));
     }
+  }
+  std::sort(names.begin(), names.end());
+  for (const std::string& name : names) {
     std::string bundle = bundleFolder + "/" + name;
     auto info = plist::readFile(bundle + infoPath);
     const plist::Value* version = info ? info->get("CFBundleVersion") : nullptr;

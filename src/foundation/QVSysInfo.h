@@ -32,14 +32,42 @@ public:
   bool isIntel() const;
   unsigned physicalRAMSize() const; // MB
   std::string OSXVersionString() const;
+  // Major, minor and bug fix of the system; 10.5.0, with a console line, when unknown.
   std::array<unsigned, 3> systemVersion() const;
+  // The same into whichever out-parameters are not null.
+  void getSystemVersionMajor(unsigned* major, unsigned* minor, unsigned* bugFix) const;
   std::string OSXBuildNumber() const;
   std::string quickTimeVersionString() const;
+  // 7.0.0, with a console line: Linux has no QuickTime.
   std::array<unsigned, 3> quickTimeVersion() const;
+  void getQuickTimeVersionMajor(unsigned* major, unsigned* minor, unsigned* bugFix) const;
   // The short version string of the application with the identifier, or "".
   std::string versionStringForBundleID(const std::string& bundleIdentifier) const;
   // "7.0.3" -> 7, 0, 3; "10" -> 10, 0, 0; none or four and more parts -> 0, 0, 0.
   static std::array<unsigned, 3> splitVersion(const std::string& version);
+  static void getAppMajorVersion(unsigned* major, unsigned* minor, unsigned* bugFix,
+                                 const std::string& versionString);
+
+  // versionStringForBundleID of the applications that the profiles report.
+  std::string finalCutProVersionString() const;
+  std::string finalCutProXVersionString() const;
+  std::string motionVersionString() const;
+  std::string motion5VersionString() const;
+  std::string colorVersionString() const;
+  std::string dvdspVersionString() const;
+  std::string soundtrackProVersionString() const;
+  std::string compressorVersionString() const;
+  std::string compressor4VersionString() const;
+  std::string liveTypeVersionString() const;
+  std::string cinemaToolsVersionString() const;
+  std::string avidVersionString() const;
+  std::string avidSymphonyVersionString() const;
+  std::string premiereVersionString() const;
+  std::string iTunesVersionString() const;
+
+  // {"name", "fullPath", "version"} records keyed by the bundle's file name, for the bundles
+  // that have a CFBundleVersion: frameworks of the local and system Library, and kernel
+  // extensions (".kext" or ".bundle") of the system Library.
   plist::Dictionary frameworks() const;
   plist::Dictionary kexts() const;
 
@@ -52,6 +80,7 @@ public:
   static const std::array<ReportedApplication, 15>& reportedApplications();
 
 private:
+  std::string reportedVersion(std::size_t index) const;
   // "QuickTime Version" and the fourteen application versions, in their order.
   void addVersions(plist::Dictionary& into) const;
   void addBundleRecords(plist::Dictionary& records, const std::string& listed,

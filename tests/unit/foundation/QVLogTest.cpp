@@ -10,6 +10,7 @@
 
 #include "fixtures/TempDir.h"
 #include "foundation/QVLocalPaths.h"
+#include "foundation/QVSysInfo.h"
 #include "plist/PropertyList.h"
 
 namespace kestrin {
@@ -346,6 +347,43 @@ TEST_F(QVLogTest, MachineGivesTheFoldersProgramNameAndMachineFacts) {
   EXPECT_EQ(c.defaultAppName, "QVLogTest");
   EXPECT_GE(c.cpuCount, 1);
   EXPECT_GT(c.ramGigabytes, 0);
+}
+
+TEST_F(QVLogTest, HeaderFactsComeFromTheSystemInformationAndTheAgentsBundle) {
+  QVLocalPaths::Machine machine;
+  machine.localRoot = (home_ / "root").string();
+  machine.home = (home_ / "home").string();
+  machine.realUid = 1000;
+  QVLocalPaths paths(machine);
+  fs::path bundle = home_ / "root/Applications/Kestrin.app";
+  fs::create_directories(bundle / "Contents/MacOS");
+  ASSERT_TRUE(plist::writeFile(bundle / "Contents/Info.plist",
+                               plist::Dictionary{{"CFBundleIdentifier", "com.quorvane.Kestrin"},
+                                                 {"CFBundleVersion", "142"}})
+                  .ok());
+  std::string executable = (bundle / "Contents/MacOS/Kestrin").string();
+
+  platform::SystemFacts facts;
+  facts.systemVersion = std::array<unsigned, 3>{12, 11, 0};
+  facts.processorCount = 8;
+  facts.physicalMemoryMegabytes = 3072;
+  auto c = QVLog::configFromPaths(paths, QVSysInfo(paths, facts), executable);
+  EXPECT_EQ(c.osVersion, "12.11.0");
+  EXPECT_EQ(c.cpuCount, 8);
+  EXPECT_DOUBLE_EQ(c.ramGigabytes, 3.0);
+  EXPECT_EQ(c.bundleVersion, "142");
+  EXPECT_EQ(c.executablePath, executable);
+  EXPECT_EQ(c.defaultAppName, "Kestrin");
+
+  // Outside a bundle there is no version line; a machine that tells nothing gets the fallbacks.
+  ::testing::internal::CaptureStderr();
+  auto bare = QVLog::configFromPaths(paths, QVSysInfo(paths, platform::SystemFacts{}),
+                                     (home_ / "bin/kestrin").string());
+  ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(bare.bundleVersion, std::nullopt);
+  EXPECT_EQ(bare.osVersion, "10.5.0");
+  EXPECT_EQ(bare.cpuCount, 1);
+  EXPECT_EQ(bare.ramGigabytes, 0);
 }
 
 TEST_F(QVLogTest, UncaughtExceptionIsLoggedAndFlushedBeforeAbort) {

@@ -42,7 +42,7 @@ TEST(QVSysInfo, VersionsSplitIntoThreeNumbers) {
   EXPECT_EQ(QVSysInfo::splitVersion(""), (V{0, 0, 0}));
 }
 
-TEST(QVSysInfo, SpecsFormatTheFactsForDisplayInTheirOrder) {
+TEST(QVSysInfo, SpecsFormatTheFactsForDisplay) {
   testing::ThrowawayMachine machine;
   platform::SystemFacts facts;
   facts.modelName = "Edit Bay 4";
@@ -62,18 +62,87 @@ TEST(QVSysInfo, SpecsFormatTheFactsForDisplayInTheirOrder) {
   EXPECT_EQ(*specs.find("Hardware Model"), Value("Edit Bay 4"));
   EXPECT_EQ(*specs.find("OS X Version"), Value("12.8.0"));
   EXPECT_EQ(*specs.find("Final Cut Pro Version"), Value("7.0.3"));
-  std::vector<std::string> keys = specs.keys();
-  EXPECT_EQ(keys.front(), "QuickTime Version");
-  EXPECT_EQ(keys[15], "OS X Version");
-  EXPECT_EQ(keys.back(), "Serial Number");
+}
 
+const std::vector<std::string> kApplicationKeys = {
+    "Final Cut Pro Version",  "Final Cut Pro X Version",
+    "Motion Version",         "Motion 5 Version",
+    "Color Version",          "DVD Studio Pro Version",
+    "Soundtrack Pro Version", "Compressor Version",
+    "Compressor 4 Version",   "LiveType Version",
+    "Cinema Tools Version",   "Avid Media Composer Version",
+    "Avid Symphony Version",  "Adobe Premiere Pro Version"};
+
+TEST(QVSysInfo, ProfileAndSpecsCarryTheirKeysInOrder) {
+  testing::ThrowawayMachine machine;
+  QVSysInfo info(machine.paths(), platform::SystemFacts{});
+  ::testing::internal::CaptureStderr();
+
+  std::vector<std::string> profile = {"QuickTime Version"};
+  profile.insert(profile.end(), kApplicationKeys.begin(), kApplicationKeys.end());
+  profile.insert(profile.end(),
+                 {"Plugins", "OS X Version", "iTunes Version", "Frameworks", "Kexts"});
+  EXPECT_EQ(info.systemProfile().keys(), profile);
+
+  std::vector<std::string> specs = {"QuickTime Version"};
+  specs.insert(specs.end(), kApplicationKeys.begin(), kApplicationKeys.end());
+  specs.insert(specs.end(),
+               {"OS X Version", "CPU Speed", "Number of CPUs", "Intel Processor", "Memory Size",
+                "Logged in User", "Hardware Model", "OS Build", "Serial Number"});
+  plist::Dictionary found = info.systemSpecs();
+  EXPECT_EQ(found.keys(), specs);
+  // A machine that tells nothing still gives display strings, not gaps.
+  EXPECT_EQ(*found.find("CPU Speed"), Value("0.00 GHz"));
+  EXPECT_EQ(*found.find("Memory Size"), Value("0.00 GB"));
+  EXPECT_EQ(*found.find("Intel Processor"), Value("No"));
+  EXPECT_EQ(*found.find("Serial Number"), Value("Unknown"));
+  EXPECT_EQ(*found.find("Logged in User"), Value(machine.paths().machine().ownUserName));
+  ::testing::internal::GetCapturedStderr();
+}
+
+TEST(QVSysInfo, EachApplicationAccessorAsksForItsOwnBundleIdentifier) {
+  testing::ThrowawayMachine machine;
+  QVSysInfo info(machine.paths(), platform::SystemFacts{});
+  fs::path apps = machine.root() / "Applications";
+  // Pairs of identifiers that differ only by a suffix or by case must not be confused.
+  machine.makeBundle(apps, "Compressor", "com.apple.compressor.Compressor", "3.5.3");
+  machine.makeBundle(apps, "Compressor 4", "com.apple.Compressor", "4.1");
+  machine.makeBundle(apps, "Motion", "com.apple.motion", "4.0.3");
+  machine.makeBundle(apps, "Motion 5", "com.apple.motionapp", "5.1");
+  machine.makeBundle(apps, "iTunes", "com.apple.itunes", "10.6");
+  fs::path noShortVersion = machine.makeBundle(apps, "Color", "com.apple.color", "1.5");
+  plist::Dictionary bare{{"CFBundleIdentifier", "com.apple.color"}, {"CFBundleVersion", "1.5"}};
+  ASSERT_TRUE(plist::writeFile(noShortVersion / "Contents/Info.plist", Value(bare)).ok());
+
+  EXPECT_EQ(info.compressorVersionString(), "3.5.3");
+  EXPECT_EQ(info.compressor4VersionString(), "4.1");
+  EXPECT_EQ(info.motionVersionString(), "4.0.3");
+  EXPECT_EQ(info.motion5VersionString(), "5.1");
+  EXPECT_EQ(info.iTunesVersionString(), "10.6");
+  EXPECT_EQ(info.colorVersionString(), "");
+  EXPECT_EQ(info.avidVersionString(), "");
+
+  ::testing::internal::CaptureStderr();
   plist::Dictionary profile = info.systemProfile();
-  std::vector<std::string> order = profile.keys();
-  ASSERT_EQ(order.size(), 20u);
-  EXPECT_EQ(order[15], "Plugins");
-  EXPECT_EQ(order[16], "OS X Version");
-  EXPECT_EQ(order[17], "iTunes Version");
-  EXPECT_EQ(order.back(), "Kexts");
+  plist::Dictionary specs = info.systemSpecs();
+  ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(*profile.find("Compressor 4 Version"), Value("4.1"));
+  EXPECT_EQ(*profile.find("iTunes Version"), Value("10.6"));
+  EXPECT_EQ(specs.find("iTunes Version"), nullptr);
+}
+
+TEST(QVSysInfo, OutParametersThatAreNullAreSkipped) {
+  unsigned major = 99, bugFix = 99;
+  QVSysInfo::getAppMajorVersion(&major, nullptr, &bugFix, "7.0.3");
+  EXPECT_EQ(major, 7u);
+  EXPECT_EQ(bugFix, 3u);
+
+  testing::ThrowawayMachine machine;
+  platform::SystemFacts facts;
+  facts.systemVersion = std::array<unsigned, 3>{12, 11, 0};
+  unsigned minor = 0;
+  QVSysInfo(machine.paths(), facts).getSystemVersionMajor(nullptr, &minor, nullptr);
+  EXPECT_EQ(minor, 11u);
 }
 
 TEST(QVSysInfo, InventoriesRecordBundlesWithAVersionOnly) {
@@ -95,7 +164,29 @@ TEST(QVSysInfo, InventoriesRecordBundlesWithAVersionOnly) {
             Value(plist::Dictionary{{"name", "Codec.framework"},
                                     {"fullPath", (frameworks / "Codec.framework").string()},
                                     {"version", "3.1"}}));
-  EXPECT_EQ(info.kexts().size(), 2u);
+  plist::Dictionary kexts = info.kexts();
+  EXPECT_EQ(kexts.keys(), (std::vector<std::string>{"Audio.bundle", "Capture.KEXT"}));
+  EXPECT_EQ(*kexts.find("Capture.KEXT")->get("fullPath"),
+            Value((extensions / "Capture.KEXT").string()));
+}
+
+TEST(QVSysInfo, SystemFrameworksAreReadFromTheLocalLibrary) {
+  // The second pass lists the system Library's frameworks but reads each one's Info.plist
+  // under the local Library, so a framework found only in the system Library is not recorded.
+  testing::ThrowawayMachine machine;
+  QVSysInfo info(machine.paths(), platform::SystemFacts{});
+  fs::path local = fs::path(machine.paths().libraryDirectory(false).value()) / "Frameworks";
+  fs::path system = fs::path(machine.paths().systemLibraryDirectory().value()) / "Frameworks";
+  const char* info_plist = "Versions/Current/Resources/Info.plist";
+  writeInfo(system / "SystemOnly.framework" / info_plist, {{"CFBundleVersion", "1"}});
+  writeInfo(system / "Shared.framework" / info_plist, {{"CFBundleVersion", "system"}});
+  writeInfo(local / "Shared.framework" / info_plist, {{"CFBundleVersion", "local"}});
+
+  plist::Dictionary found = info.frameworks();
+  ASSERT_EQ(found.keys(), std::vector<std::string>{"Shared.framework"});
+  EXPECT_EQ(*found.find("Shared.framework")->get("version"), Value("local"));
+  EXPECT_EQ(*found.find("Shared.framework")->get("fullPath"),
+            Value((local / "Shared.framework").string()));
 }
 
 } // namespace
