@@ -234,7 +234,7 @@ SystemFacts SystemFacts::current() {
   long pageSize = ::sysconf(_SC_PAGESIZE);
   if (pages > 0 && pageSize > 0) {
     facts.physicalMemoryMegabytes =
-        static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageSize) / (1024 * 1024);
+        static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageSize) / (1024ULL * 1024);
   }
   utsname names{};
   if (::uname(&names) == 0) {
