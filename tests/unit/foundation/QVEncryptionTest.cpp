@@ -58,6 +58,31 @@ TEST(QVEncryption, OnlyThePassphrasesFirst32BytesCountAndShortOnesAreZeroFilled)
             QVEncryption::AESEncryptData(bytes("x"), std::string("short") + std::string(27, '\0')));
 }
 
+TEST(QVEncryption, AShortFinalCipherBlockIsCompletedWithThePreviousBlocksBytes) {
+  std::string_view passcode = QVEncryption::kPasscode;
+  plist::Data cipher =
+      QVEncryption::AESEncryptData(bytes("first block 16b.second block 16b"), passcode);
+  ASSERT_EQ(cipher.size(), 32u);
+  plist::Data truncated(cipher.begin(), cipher.begin() + 20);
+  plist::Data plain = QVEncryption::AESDecryptData(truncated, passcode);
+  ASSERT_EQ(plain.size(), 32u);
+  EXPECT_EQ(plist::Data(plain.begin(), plain.begin() + 16), bytes("first block 16b."));
+  // The four bytes that arrived, then bytes 4..15 of the first cipher block still in the buffer.
+  plist::Data lastBlock(cipher.begin(), cipher.begin() + 16);
+  std::copy(cipher.begin() + 16, cipher.begin() + 20, lastBlock.begin());
+  EXPECT_EQ(plist::Data(plain.begin() + 16, plain.end()),
+            QVEncryption::AESDecryptData(lastBlock, passcode));
+}
+
+TEST(QVEncryption, ANonAsciiPassphraseIsCutAfterItsThirtySecondByte) {
+  // "é" is two bytes in UTF-8; only its first falls inside the key.
+  std::string passphrase = std::string(31, 'k') + "\xc3\xa9";
+  plist::Data cipher = QVEncryption::AESEncryptData(bytes("données"), passphrase);
+  EXPECT_EQ(cipher, QVEncryption::AESEncryptData(bytes("données"), std::string(31, 'k') + "\xc3"));
+  EXPECT_NE(cipher, QVEncryption::AESEncryptData(bytes("données"), std::string(31, 'k') + "e"));
+  EXPECT_EQ(QVEncryption::AESDecryptData(cipher, passphrase), bytes("données        "));
+}
+
 TEST(QVEncryption, PasswordsRoundTripTrimmedAndBadTextCountsAsEmpty) {
   EXPECT_EQ(QVEncryption::decryptPassword(QVEncryption::encryptPassword("s3cret\n\n ")), "s3cret");
   EXPECT_EQ(QVEncryption::decryptPassword(QVEncryption::encryptPassword("  pass word\t")),
