@@ -29,13 +29,22 @@ plist::Dictionary readStore(const std::string& path) {
   return {};
 }
 
-void stamp(const platform::ToolTable& tools, const std::string& path, const char* key) {
+bool writeWhole(const std::string& path, const std::string& key, const plist::Value& value) {
   plist::Dictionary store = readStore(path);
-  store.set(key, plist::Date::now());
+  store.set(key, value);
   std::error_code ec;
   fs::create_directories(fs::path(path).parent_path(), ec);
-  if (plist::writeFile(path, plist::Value(std::move(store))).ok()) {
+  return plist::writeFile(path, plist::Value(std::move(store))).ok();
+}
+
+void stamp(const platform::ToolTable& tools, const std::string& path, const char* key,
+           const QVBugReporter::StampWriter& writer) {
+  plist::Value now(plist::Date::now());
+  bool written = writer ? writer(key, now) : writeWhole(path, key, now);
+  if (written) {
     QVBugReporter::chownPlist(tools, path);
+  } else {
+    QVLog::appendLog("Unable to record the {} time in {}", key, path);
   }
 }
 
@@ -101,12 +110,13 @@ void QVBugReporter::startBugReporter(const std::optional<std::string>& applicati
 
 void QVBugReporter::startBugReporter(const QVLocalPaths& paths, const platform::ToolTable& tools,
                                      const std::optional<std::string>& applicationName,
-                                     const std::string& plistPath, const Delegate& delegate) {
+                                     const std::string& plistPath, const Delegate& delegate,
+                                     const StampWriter& writer) {
   auto crash = checkForCrashes(paths, tools, applicationName, plistPath);
   if (crash && delegate) {
     delegate(*crash);
   }
-  stamp(tools, plistPath, "launch");
+  stamp(tools, plistPath, "launch", writer);
 }
 
 void QVBugReporter::stopBugReporter(const std::string& plistPath) {
@@ -114,8 +124,8 @@ void QVBugReporter::stopBugReporter(const std::string& plistPath) {
 }
 
 void QVBugReporter::stopBugReporter(const QVLocalPaths&, const platform::ToolTable& tools,
-                                    const std::string& plistPath) {
-  stamp(tools, plistPath, "exit");
+                                    const std::string& plistPath, const StampWriter& writer) {
+  stamp(tools, plistPath, "exit", writer);
 }
 
 std::optional<std::string>

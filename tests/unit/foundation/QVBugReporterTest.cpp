@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "fixtures/AgentProcess.h"
 #include "fixtures/ThrowawayMachine.h"
 #include "foundation/QVLocalPaths.h"
 #include "platform/ToolTable.h"
@@ -65,16 +66,6 @@ TEST_F(QVBugReporterTest, AReportNewerThanALaunchWithoutExitIsTheCrash) {
             std::string::npos);
 }
 
-TEST_F(QVBugReporterTest, TheDisableSwitchKeepsTheReporterClosedButStillAnswers) {
-  writeStamps(60, std::nullopt);
-  fs::path global = machine.home() / "Library/Preferences/com.quorvane.global.plist";
-  ASSERT_TRUE(
-      plist::writeFile(global, Value(plist::Dictionary{{"disable-crash-reporter", "1"}})).ok());
-  fs::path crash = report("Kestrin_1.crash");
-  EXPECT_EQ(check(), crash.string());
-  EXPECT_NE(machine.logText().find("Crash reporter disabled"), std::string::npos);
-}
-
 TEST_F(QVBugReporterTest, StartAndStopStampTheStoreAndTheDelegateHearsOfTheCrash) {
   writeStamps(60, std::nullopt);
   fs::path crash = report("Kestrin_1.crash");
@@ -89,6 +80,66 @@ TEST_F(QVBugReporterTest, StartAndStopStampTheStoreAndTheDelegateHearsOfTheCrash
   auto store = plist::readFile(prefs);
   ASSERT_TRUE(store.ok());
   EXPECT_GE(store->get("exit")->asDate()->seconds, store->get("launch")->asDate()->seconds);
+}
+
+TEST_F(QVBugReporterTest, FoldersGoUserFirstAndOnlyEachFoldersLastReportCounts) {
+  writeStamps(60, std::nullopt);
+  fs::path local = report("Kestrin_1.crash", false, "DiagnosticReports");
+  fs::path user = report("Kestrin_1.crash", true, "CrashReporter");
+  EXPECT_EQ(check(), user.string());
+  // An old report last in the user's folder hides the newer one before it there.
+  fs::path old = report("Kestrin_2.crash", true, "CrashReporter");
+  fs::last_write_time(old, fs::file_time_type::clock::now() - std::chrono::hours(2));
+  EXPECT_EQ(check(), local.string());
+}
+
+TEST_F(QVBugReporterTest, OnlyTheString1OrANumberEqualToTrueDisablesTheReporter) {
+  writeStamps(60, std::nullopt);
+  report("Kestrin_1.crash");
+  fs::path global = machine.home() / "Library/Preferences/com.quorvane.global.plist";
+  auto disables = [&](Value flag) {
+    EXPECT_TRUE(
+        plist::writeFile(global, Value(plist::Dictionary{{"disable-crash-reporter", flag}})).ok());
+    std::string before = machine.logText();
+    EXPECT_TRUE(check()); // disabled or not, the crash is answered
+    std::string added = machine.logText().substr(before.size());
+    return added.find("Crash reporter disabled") != std::string::npos;
+  };
+  EXPECT_TRUE(disables(Value("1")));
+  EXPECT_TRUE(disables(Value(true)));
+  EXPECT_TRUE(disables(Value(std::int64_t{1})));
+  EXPECT_FALSE(disables(Value("yes")));
+  EXPECT_FALSE(disables(Value("0")));
+  EXPECT_FALSE(disables(Value(std::int64_t{2})));
+}
+
+TEST_F(QVBugReporterTest, TheReporterFoundByItsIdentifierIsGivenTheReport) {
+  writeStamps(60, std::nullopt);
+  machine.makeBundle(machine.root() / "Applications", "Bug Reporter", "com.quorvane.BugReporter",
+                     "1.0", "echo \"reporter $*\" >> '" + machine.commandLog().string() + "'\n");
+  fs::path crash = report("Kestrin_1.crash");
+  EXPECT_EQ(check(), crash.string());
+  EXPECT_TRUE(testing::eventually([&] {
+    return testing::readText(machine.commandLog()) == "reporter " + crash.string() + "\n";
+  }));
+  EXPECT_EQ(machine.logText().find("Unable to find the bug reporter application"),
+            std::string::npos);
+}
+
+TEST_F(QVBugReporterTest, StampsGoThroughTheOwnersWriterWhenOneIsGiven) {
+  std::vector<std::pair<std::string, Value>> written;
+  auto writer = [&](const std::string& key, const Value& value) {
+    written.emplace_back(key, value);
+    return true;
+  };
+  QVBugReporter::startBugReporter(machine.paths(), tools, std::string("Kestrin"), prefs, {},
+                                  writer);
+  QVBugReporter::stopBugReporter(machine.paths(), tools, prefs, writer);
+  ASSERT_EQ(written.size(), 2u);
+  EXPECT_EQ(written[0].first, "launch");
+  EXPECT_EQ(written[1].first, "exit");
+  EXPECT_NEAR(written[1].second.asDate()->seconds, Date::now().seconds, 60);
+  EXPECT_FALSE(fs::exists(prefs)); // the reporter left the file to its owner
 }
 
 TEST(QVBugReporterChown, OnlyFilesInAUsersHomeChangeOwner) {
