@@ -86,9 +86,7 @@ void CapabilityProxy::checkCallable() const {
 plist::Value CapabilityProxy::invoke(const std::string& selector,
                                      std::vector<plist::Value> arguments) {
   checkCallable();
-  for (const plist::Value& argument : arguments) {
-    checkDepth(argument);
-  }
+  checkSendable(arguments);
   plist::Value result;
   std::optional<std::pair<std::string, std::string>> raised;
   bool timedOut = false;
@@ -105,7 +103,12 @@ plist::Value CapabilityProxy::invoke(const std::string& selector,
       encodeValue(arguments[i], list[i], state);
     }
     auto answered = request.send().then([&](capnp::Response<wire::RemoteObject::InvokeResults> r) {
-      result = decodeValue(r.getResult(), state);
+      try {
+        result = decodeValue(r.getResult(), state);
+      } catch (const NamedException& e) {
+        raised.emplace(e.name(), e.what());
+        return;
+      }
       if (r.hasRaised() && r.getRaised().getName().size() > 0) {
         raised.emplace(r.getRaised().getName().cStr(), r.getRaised().getReason().cStr());
       }

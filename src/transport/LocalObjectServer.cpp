@@ -134,8 +134,16 @@ kj::Promise<void> LocalObjectServer::invoke(InvokeContext context) {
   std::string selector = params.getSelector();
   std::vector<plist::Value> arguments;
   arguments.reserve(params.getArguments().size());
-  for (auto argument : params.getArguments()) {
-    arguments.push_back(decodeValue(argument, *state));
+  try {
+    for (auto argument : params.getArguments()) {
+      arguments.push_back(decodeValue(argument, *state));
+    }
+  } catch (const NamedException& e) {
+    // Refused before the object sees anything; the caller learns why under the same name.
+    auto raised = context.getResults().initRaised();
+    raised.setName(e.name());
+    raised.setReason(e.what());
+    return kj::READY_NOW;
   }
   context.releaseParams();
 
@@ -151,7 +159,7 @@ kj::Promise<void> LocalObjectServer::invoke(InvokeContext context) {
     }
     auto results = context.getResults();
     try {
-      checkDepth(outcome->result);
+      checkSendable({outcome->result});
       encodeValue(outcome->result, results.initResult(), *state);
     } catch (const NamedException& e) {
       outcome->raise(e.name(), e.what());

@@ -42,7 +42,8 @@ struct RpcClient::Impl : kj::TaskSet::ErrorHandler {
               .wait(io.waitScope);
 
       state = std::make_shared<ConnectionState>(kj::getCurrentThreadExecutor().addRef(), timer);
-      capnp::TwoPartyVatNetwork network(*stream, capnp::rpc::twoparty::Side::CLIENT);
+      capnp::TwoPartyVatNetwork network(*stream, capnp::rpc::twoparty::Side::CLIENT,
+                                        connectionReaderOptions());
       auto rpcSystem = capnp::makeRpcClient(network);
       capnp::MallocMessageBuilder vatIdMessage;
       auto vatId = vatIdMessage.initRoot<capnp::rpc::twoparty::VatId>();

@@ -16,6 +16,7 @@
 
 #include "transport/ConnectionState.h"
 #include "transport/LocalObjectServer.h"
+#include "transport/ValueCodec.h"
 
 namespace kestrin::transport {
 
@@ -61,7 +62,7 @@ struct ServerConnection {
   ServerConnection(kj::Own<kj::AsyncIoStream> s, std::shared_ptr<ConnectionState> st,
                    const plist::ObjectRef& root)
       : stream(kj::mv(s)), state(std::move(st)),
-        network(*stream, capnp::rpc::twoparty::Side::SERVER),
+        network(*stream, capnp::rpc::twoparty::Side::SERVER, connectionReaderOptions()),
         rpcSystem(capnp::makeRpcServer(
             network, wire::RemoteObject::Client(kj::heap<LocalObjectServer>(root, state)))) {}
   ~ServerConnection() { state->drop(); }

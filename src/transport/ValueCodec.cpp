@@ -10,24 +10,49 @@ namespace kestrin::transport {
 
 namespace {
 
-void checkDepthAt(const plist::Value& value, int depth) {
-  if (depth > kMaxValueDepth) {
-    throw ArgumentError(
-        fmt::format("a value nested deeper than {} levels cannot be sent", kMaxValueDepth));
+[[noreturn]] void throwTooDeep() {
+  throw ArgumentError(
+      fmt::format("a value nested deeper than {} levels cannot be sent", kMaxValueDepth));
+}
+
+// A generous estimate of the encoded size: every value is taken as a struct with its pointer
+// and list tag, every string and key as padded text.
+constexpr std::size_t kValueOverhead = 40;
+constexpr std::size_t kEntryOverhead = 24;
+
+std::size_t padded(std::size_t bytes) {
+  return (bytes + 8) & ~std::size_t{7};
+}
+
+std::size_t checkedSize(const plist::Value& value, int depth);
+
+std::size_t checkedEntriesSize(const plist::Dictionary& dictionary, int depth) {
+  std::size_t size = 0;
+  for (const auto& [key, item] : dictionary) {
+    size += kEntryOverhead + padded(key.size()) + checkedSize(item, depth);
   }
-  if (const plist::Array* array = value.asArray()) {
+  return size;
+}
+
+std::size_t checkedSize(const plist::Value& value, int depth) {
+  if (depth > kMaxValueDepth) {
+    throwTooDeep();
+  }
+  std::size_t size = kValueOverhead;
+  if (const std::string* string = value.asString()) {
+    size += padded(string->size());
+  } else if (const plist::Data* data = value.asData()) {
+    size += padded(data->size());
+  } else if (const plist::Array* array = value.asArray()) {
     for (const plist::Value& item : *array) {
-      checkDepthAt(item, depth + 1);
+      size += checkedSize(item, depth + 1);
     }
   } else if (const plist::Dictionary* dictionary = value.asDictionary()) {
-    for (const auto& [key, item] : *dictionary) {
-      checkDepthAt(item, depth + 1);
-    }
+    size += checkedEntriesSize(*dictionary, depth + 1);
   } else if (const plist::ErrorRecord* error = value.asError()) {
-    for (const auto& [key, item] : error->userInfo) {
-      checkDepthAt(item, depth + 2);
-    }
+    size += padded(error->domain.size()) + checkedEntriesSize(error->userInfo, depth + 2);
   }
+  return size;
 }
 
 void encodeEntries(const plist::Dictionary& dictionary, capnp::List<wire::Entry>::Builder list,
@@ -40,10 +65,13 @@ void encodeEntries(const plist::Dictionary& dictionary, capnp::List<wire::Entry>
   }
 }
 
-plist::Dictionary decodeEntries(capnp::List<wire::Entry>::Reader list, ConnectionState& state) {
+plist::Value decodeAt(wire::Value::Reader reader, ConnectionState& state, int depth);
+
+plist::Dictionary decodeEntries(capnp::List<wire::Entry>::Reader list, ConnectionState& state,
+                                int depth) {
   plist::Dictionary dictionary;
   for (auto entry : list) {
-    dictionary.set(entry.getKey(), decodeValue(entry.getValue(), state));
+    dictionary.set(entry.getKey(), decodeAt(entry.getValue(), state, depth));
   }
   return dictionary;
 }
@@ -54,8 +82,24 @@ capnp::Data::Reader bytes(const plist::Data& data) {
 
 } // namespace
 
-void checkDepth(const plist::Value& value) {
-  checkDepthAt(value, 0);
+capnp::ReaderOptions connectionReaderOptions() {
+  capnp::ReaderOptions options;
+  options.traversalLimitInWords = kMaxMessageBytes / sizeof(capnp::word);
+  options.nestingLimit = 4 * kMaxValueDepth + 16;
+  return options;
+}
+
+void checkSendable(const std::vector<plist::Value>& values) {
+  std::size_t size = 0;
+  for (const plist::Value& value : values) {
+    size += checkedSize(value, 0);
+  }
+  // Room for the call's own envelope: selector, capability table, framing.
+  if (size > kMaxMessageBytes - 4096) {
+    throw ArgumentError(fmt::format("values of about {} bytes do not fit in one message of at "
+                                    "most {} bytes",
+                                    size, kMaxMessageBytes));
+  }
 }
 
 void encodeValue(const plist::Value& value, wire::Value::Builder builder, ConnectionState& state) {
@@ -110,7 +154,13 @@ void encodeValue(const plist::Value& value, wire::Value::Builder builder, Connec
   }
 }
 
-plist::Value decodeValue(wire::Value::Reader reader, ConnectionState& state) {
+namespace {
+
+plist::Value decodeAt(wire::Value::Reader reader, ConnectionState& state, int depth) {
+  if (depth > kMaxValueDepth) {
+    throw ArgumentError(fmt::format("a value nested deeper than {} levels was received and refused",
+                                    kMaxValueDepth));
+  }
   switch (reader.which()) {
   case wire::Value::NULL_:
     return {};
@@ -132,22 +182,28 @@ plist::Value decodeValue(wire::Value::Reader reader, ConnectionState& state) {
     plist::Array array;
     array.reserve(reader.getArray().size());
     for (auto item : reader.getArray()) {
-      array.push_back(decodeValue(item, state));
+      array.push_back(decodeAt(item, state, depth + 1));
     }
     return array;
   }
   case wire::Value::DICTIONARY:
-    return decodeEntries(reader.getDictionary(), state);
+    return decodeEntries(reader.getDictionary(), state, depth + 1);
   case wire::Value::ERROR: {
     auto error = reader.getError();
     return plist::ErrorRecord{error.getDomain(), error.getCode(),
-                              decodeEntries(error.getUserInfo(), state)};
+                              decodeEntries(error.getUserInfo(), state, depth + 2)};
   }
   case wire::Value::OBJECT:
     return importObject(reader.getObject(), state);
   }
   // A union member from a newer peer: nothing we can represent.
   return {};
+}
+
+} // namespace
+
+plist::Value decodeValue(wire::Value::Reader reader, ConnectionState& state) {
+  return decodeAt(reader, state, 0);
 }
 
 plist::ObjectRef importObject(wire::RemoteObject::Client client, ConnectionState& state) {

@@ -1,6 +1,10 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
+#include <vector>
+
+#include <capnp/message.h>
 
 #include "plist/Value.h"
 #include "transport/ConnectionState.h"
@@ -8,16 +12,27 @@
 
 namespace kestrin::transport {
 
-// Nesting deeper than this is refused on the way out with ArgumentError; the peer's reader
-// refuses it on the way in as well (its nesting limit is the same).
+// Values nesting deeper than this (arrays, dictionaries, an error's userInfo counting two) are
+// refused with ArgumentError, by the sender before anything is sent and by the receiver while
+// decoding, so that neither side recurses without bound.
 inline constexpr int kMaxValueDepth = 60;
 
-// Throws ArgumentError when the value nests deeper than kMaxValueDepth. Cheap; callers run it
-// before handing a value to the loop thread, so the error reaches them under its own name.
-void checkDepth(const plist::Value& value);
+// The largest message either side reads: a peer that has not yet been approved cannot make us
+// allocate more than this. A call whose values would encode larger is refused by its sender
+// with ArgumentError, so that the connection stays usable.
+inline constexpr std::size_t kMaxMessageBytes = std::size_t{64} << 20;
+
+// The reader options of every connection: room for kMaxValueDepth levels of any kind (a
+// dictionary level costs the reader three pointer hops) and kMaxMessageBytes.
+capnp::ReaderOptions connectionReaderOptions();
+
+// Throws ArgumentError when the values nest deeper than kMaxValueDepth or would encode larger
+// than a message may be. Cheap; callers run it before handing values to the loop thread, so
+// the error reaches them under its own name.
+void checkSendable(const std::vector<plist::Value>& values);
 
 // Both run on the connection's loop thread. Objects are exported to or imported from the peer
-// of `state`.
+// of `state`. decodeValue throws ArgumentError for a value nested deeper than kMaxValueDepth.
 void encodeValue(const plist::Value& value, wire::Value::Builder builder, ConnectionState& state);
 plist::Value decodeValue(wire::Value::Reader reader, ConnectionState& state);
 
