@@ -101,7 +101,10 @@ Expected<std::unique_ptr<RpcClient>> RpcClient::connectAddress(const std::string
   std::promise<Expected<void>> ready;
   auto connected = ready.get_future();
   Impl* raw = impl.get();
-  raw->thread = std::thread([raw, address, timeout, &ready] { raw->run(address, timeout, ready); });
+  // The thread owns the promise: a failure after connecting must not reach a caller long gone.
+  raw->thread = std::thread([raw, address, timeout, ready = std::move(ready)]() mutable {
+    raw->run(address, timeout, ready);
+  });
   Expected<void> outcome = connected.get();
   if (!outcome) {
     raw->thread.join();

@@ -149,7 +149,11 @@ struct RpcServer::Impl : kj::TaskSet::ErrorHandler {
       listener = nullptr;
       io = nullptr;
     } catch (const kj::Exception& e) {
-      ready.set_value(Failure{e.getDescription().cStr()});
+      try {
+        ready.set_value(Failure{e.getDescription().cStr()});
+      } catch (const std::future_error&) {
+        // Started earlier; the loop failed later and the server simply ends.
+      }
     }
   }
 };
@@ -169,10 +173,11 @@ Expected<std::unique_ptr<RpcServer>> RpcServer::start(platform::FileDescriptor l
   impl->root = std::move(root);
   impl->delegate = delegate;
   std::promise<Expected<void>> ready;
-  auto started = ready.get_future();
+  std::future<Expected<void>> started = ready.get_future();
   Impl* raw = impl.get();
   int fd = listeningSocket.release();
-  raw->thread = std::thread([raw, fd, &ready] { raw->run(fd, ready); });
+  // The thread owns the promise: a failure after start-up must not reach a caller long gone.
+  raw->thread = std::thread([raw, fd, ready = std::move(ready)]() mutable { raw->run(fd, ready); });
   Expected<void> outcome = started.get();
   if (!outcome) {
     raw->thread.join();

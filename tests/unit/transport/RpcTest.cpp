@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -146,6 +147,8 @@ TEST_F(RpcTest, ValuesNestedUpToTheLimitArriveWhole) {
 
 TEST_F(RpcTest, StoppingTheServerDoesNotWaitForABlockedCall) {
   auto client = connect();
+  std::atomic<bool> toldOfDisconnect{false};
+  client->setDisconnectHandler([&] { toldOfDisconnect = true; });
   std::string raised;
   std::thread caller([&] {
     try {
@@ -162,6 +165,10 @@ TEST_F(RpcTest, StoppingTheServerDoesNotWaitForABlockedCall) {
   EXPECT_EQ(root->sleepsFinished, 0) << "stop() waited for the blocked call";
   caller.join();
   EXPECT_EQ(raised, "NSInvalidSendPortException");
+  for (int i = 0; i < 100 && !toldOfDisconnect; ++i) {
+    std::this_thread::sleep_for(10ms); // the failed call may arrive before the disconnect
+  }
+  EXPECT_TRUE(toldOfDisconnect);
   EXPECT_FALSE(client->isConnected());
 }
 
