@@ -17,6 +17,7 @@
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
 #include "foundation/QVTaskEx.h"
+#include "operations/MakerApplications.h"
 #include "operations/OperationTable.h"
 #include "platform/ToolTable.h"
 #include "plist/PropertyList.h"
@@ -78,6 +79,21 @@ AppController::~AppController() {
   }
 }
 
+void AppController::setQVApps(std::vector<std::string> paths) {
+  {
+    std::lock_guard lock(stateMutex_);
+    qvAppArray_ = std::move(paths);
+    qvAppsPopulated_ = true;
+  }
+  qvAppsChanged_.notify_all();
+}
+
+std::vector<std::string> AppController::qvApps(std::chrono::milliseconds wait) {
+  std::unique_lock lock(stateMutex_);
+  qvAppsChanged_.wait_for(lock, wait, [this] { return qvAppsPopulated_; });
+  return qvAppArray_;
+}
+
 std::optional<std::string> AppController::takeLastCrashLogPath() {
   std::lock_guard lock(stateMutex_);
   return std::exchange(lastCrashLogPath_, std::nullopt);
@@ -109,6 +125,13 @@ bool AppController::init() {
   }
   startService();
   QVAuthorization::sharedController(false);
+  startThread([this] {
+    exceptionGuard_.run("-[AppController populateQVApps]", [this] {
+      QVLog::appendLog("Getting Quorvane app list...");
+      setQVApps(operations::qvAppsInFolder(
+          environment_.paths, environment_.paths.applicationDirectory(false).value_or("")));
+    });
+  });
   observeNotifications();
 
   // The bundle's own "lastRunVersion" is compared while the preference file receives the

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <map>
@@ -158,6 +159,12 @@ public:
   std::string hostName() const;
   bool isConnected() const { return isConnected_; }
 
+  // ---- the maker's applications found at start-up
+  void setQVApps(std::vector<std::string> paths);
+  // The list, once the scan has finished or `wait` has passed (whatever there is then).
+  std::vector<std::string> qvApps(std::chrono::milliseconds wait);
+  const QVLocalPaths& paths() const { return environment_.paths; }
+
   // The crash report of the previous run, once: the configuration reports it a single time.
   std::optional<std::string> takeLastCrashLogPath();
 
@@ -189,6 +196,9 @@ private:
   mutable std::mutex stateMutex_; // guards the values below, replaced whole
   std::string statusString_;
   std::optional<std::string> lastCrashLogPath_;
+  std::vector<std::string> qvAppArray_;
+  bool qvAppsPopulated_ = false;
+  std::condition_variable qvAppsChanged_;
   plist::Value availableUpdateCount_;
   plist::Value availableUpdateCountLastUpdate_;
   plist::Value iconDict_;

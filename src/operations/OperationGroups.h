@@ -8,5 +8,6 @@ class OperationTable;
 void addControllerOperations(OperationTable& table);
 void addErrorChannelOperations(OperationTable& table);
 void addCredentialOperations(OperationTable& table);
+void addTaskOperations(OperationTable& table);
 
 } // namespace kestrin::operations

@@ -29,6 +29,7 @@ const OperationTable& OperationTable::agentOperations() {
     addControllerOperations(built);
     addErrorChannelOperations(built);
     addCredentialOperations(built);
+    addTaskOperations(built);
     return built;
   }();
   return table;

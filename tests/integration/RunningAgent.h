@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <regex>
@@ -19,9 +20,14 @@ namespace kestrin::testing {
 // chose. Several agents may share one runtime folder to meet each other's names.
 class RunningAgent {
 public:
+  // prepare runs before the agent starts, with the machine's local root (KESTRIN_ROOT).
   explicit RunningAgent(std::filesystem::path runtime = {},
-                        std::map<std::string, std::string> extraEnvironment = {}) {
+                        std::map<std::string, std::string> extraEnvironment = {},
+                        const std::function<void(const std::filesystem::path&)>& prepare = {}) {
     std::filesystem::create_directories(home());
+    if (prepare) {
+      prepare(dir_.path() / "root");
+    }
     runtime_ = runtime.empty() ? dir_.path() / "run" : runtime;
     std::filesystem::create_directories(runtime_);
     std::map<std::string, std::string> environment = {

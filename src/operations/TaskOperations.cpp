@@ -1,0 +1,221 @@
+// Running the tasks that the maker's applications declare in their QVTasks.plist, as the
+// agent's user or with an administrator's rights, and listing them for the admin side.
+
+#include <filesystem>
+
+#include <fmt/format.h>
+
+#include "app/AppController.h"
+#include "foundation/QVAuthorization.h"
+#include "foundation/QVEncryption.h"
+#include "foundation/QVLog.h"
+#include "foundation/QVTaskEx.h"
+#include "operations/MakerApplications.h"
+#include "operations/OperationGroups.h"
+#include "operations/OperationTable.h"
+#include "plist/PropertyList.h"
+
+namespace kestrin::operations {
+
+namespace {
+
+namespace fs = std::filesystem;
+using plist::Value;
+
+constexpr QVTaskEx::TimeLimit kTaskTimeLimit{30.0};
+
+// A task ready to run, or the code that explains why there is none.
+struct Resolved {
+  std::string executable;
+  std::vector<std::string> arguments;
+  std::int64_t failure = 0;
+  std::optional<std::string> info;
+};
+
+std::string optionsText(const plist::Array& options) {
+  return plist::describe(Value(options));
+}
+
+// Steps shared by both ways of running: application, Info.plist, task file, task.
+Resolved resolveTask(AppController& controller, const std::string& taskId,
+                     const std::string& bundleId, const plist::Array& options,
+                     const char* missingApplication) {
+  auto path = pathForAppWithBundleID(controller.paths(), bundleId);
+  QVLog::appendLog("Found application at path {} for bundle ID {}", path.value_or("(null)"),
+                   bundleId);
+  std::error_code ec;
+  if (!path || !fs::exists(*path, ec)) {
+    QVLog::appendLog("{}", missingApplication);
+    return {{}, {}, 1000, bundleId};
+  }
+  auto info = plist::readFile(fs::path(*path) / "Contents/Info.plist");
+  if (!info || !info->asDictionary()) {
+    QVLog::appendLog("Cannot find application Info.plist");
+    return {{}, {}, 1001, bundleId};
+  }
+  auto file = taskFileOf(*path);
+  const Value* tasks = file ? file->find("QVTasks") : nullptr;
+  if (tasks == nullptr || tasks->asArray() == nullptr) {
+    QVLog::appendLog("Application uses old task format. Please update this application.");
+    return {{}, {}, 1002, bundleId};
+  }
+  for (const Value& task : *tasks->asArray()) {
+    const Value* id = task.get("id");
+    if (id == nullptr || id->asString() == nullptr || *id->asString() != taskId) {
+      continue;
+    }
+    const Value* command = task.get("command");
+    if (command == nullptr || command->asArray() == nullptr || command->asArray()->empty()) {
+      break;
+    }
+    Resolved resolved{executableOfBundle(*path), {}, 0, std::nullopt};
+    for (const Value& part : *command->asArray()) {
+      resolved.arguments.push_back(part.asString() ? *part.asString() : plist::describe(part));
+    }
+    for (const Value& option : options) {
+      resolved.arguments.push_back(option.asString() ? *option.asString()
+                                                     : plist::describe(option));
+    }
+    return resolved;
+  }
+  QVLog::appendLog("Task not found");
+  return {{}, {}, 1003, std::nullopt};
+}
+
+Value executeTask(AppController& controller, const Arguments& a) {
+  const std::string& taskId = a.string(0);
+  const std::string& bundleId = a.string(1);
+  plist::Array options = a.at(2).isNull() ? plist::Array{} : a.array(2);
+  QVLog::appendLog("Executing task {} in {} with options {}...", taskId, bundleId,
+                   optionsText(options));
+  Resolved task = resolveTask(controller, taskId, bundleId, options, "Application doesn't exist");
+  if (task.failure != 0) {
+    controller.errorChannel().postErrorWithCode(task.failure, task.info);
+    return {};
+  }
+  QVLog::appendLog("Executing task...");
+  int status = QVTaskEx::terminationCodeFromTask(task.executable, task.arguments, kTaskTimeLimit);
+  if (status == 0) {
+    QVLog::appendLog("Task finished successfully.");
+  } else {
+    QVLog::appendLog("Task finished with an error.");
+    controller.errorChannel().postErrorWithCode(status, std::nullopt);
+  }
+  return {};
+}
+
+Value authExecuteTask(AppController& controller, const Arguments& a) {
+  const std::string& taskId = a.string(0);
+  const std::string& bundleId = a.string(1);
+  plist::Array options = a.at(2).isNull() ? plist::Array{} : a.array(2);
+  std::optional<std::string> user = a.optionalString(3);
+  QVLog::appendLog("Auth executing task {} in {} with options {} for user {}...", taskId, bundleId,
+                   optionsText(options), user.value_or("(null)"));
+  ErrorChannel& channel = controller.errorChannel();
+  auto fail = [&](std::int64_t code, const std::optional<std::string>& info) {
+    channel.postErrorWithCode(code, info);
+    channel.postFinishedTask();
+    return Value();
+  };
+  Resolved task = resolveTask(controller, taskId, bundleId, options, "Cannot find application");
+  if (task.failure != 0) {
+    return fail(task.failure, task.info);
+  }
+  const plist::Data* encrypted = a.at(4).asData();
+  std::string password = encrypted ? QVEncryption::decryptPassword(*encrypted) : "";
+  QVAuthorization& authorization = QVAuthorization::sharedController(false);
+  if (!authorization.authStartWithUser(user, password)) {
+    QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
+    return fail(1006, std::nullopt);
+  }
+  QVLog::appendLog("Executing auth task...");
+  authorization.authExecTask(task.executable, task.arguments);
+  QVLog::appendLog("Ending authorization...");
+  authorization.authEnd();
+  return {};
+}
+
+// The tasks of one application as the admin side lists them, or nothing.
+std::optional<plist::Array> tasksOf(const std::string& bundlePath, const plist::Dictionary& info) {
+  auto file = taskFileOf(bundlePath);
+  const plist::Dictionary& source = file ? *file : info;
+  const Value* tasks = source.find("QVTasks");
+  if (tasks == nullptr) {
+    return std::nullopt;
+  }
+  if (const plist::Array* list = tasks->asArray()) {
+    return *list;
+  }
+  const plist::Dictionary* old = tasks->asDictionary();
+  if (old == nullptr) {
+    return std::nullopt;
+  }
+  plist::Array converted;
+  for (const auto& [line, description] : *old) {
+    plist::Array command;
+    std::size_t start = 0;
+    for (std::size_t at; (at = line.find(" ### ", start)) != std::string::npos; start = at + 5) {
+      command.push_back(line.substr(start, at - start));
+    }
+    command.push_back(line.substr(start));
+    converted.push_back(plist::Dictionary{{"description", description}, {"command", command}});
+  }
+  return converted;
+}
+
+Value qvAppTasks(AppController& controller, const Arguments&) {
+  QVLog::appendLog("Getting Quorvane apps with available tasks...");
+  plist::Array entries;
+  for (const std::string& path : controller.qvApps(std::chrono::seconds(10))) {
+    auto info = plist::readFile(fs::path(path) / "Contents/Info.plist");
+    plist::Dictionary infoDict =
+        info && info->asDictionary() ? *info->asDictionary() : plist::Dictionary{};
+    auto tasks = tasksOf(path, infoDict);
+    if (!tasks || tasks->empty()) {
+      continue;
+    }
+    const Value* name = infoDict.find("CFBundleName");
+    const Value* identifier = infoDict.find("CFBundleIdentifier");
+    entries.push_back(plist::Dictionary{{"name", name ? *name : Value()},
+                                        {"bundleid", identifier ? *identifier : Value()},
+                                        {"tasks", *tasks}});
+  }
+  return entries;
+}
+
+} // namespace
+
+void addTaskOperations(OperationTable& table) {
+  table.add("executeTask:bundleID:options:", executeTask);
+  table.add("authExecuteTask:bundleID:options:username:password:", authExecuteTask);
+  table.add("qvAppTasks", qvAppTasks);
+  table.add("pathForAppWithBundleID:", [](AppController& controller, const Arguments& a) {
+    auto path = pathForAppWithBundleID(controller.paths(), a.string(0));
+    return path ? Value(*path) : Value();
+  });
+  table.add("exePathForAppWithBundleID:", [](AppController& controller, const Arguments& a) {
+    auto path = pathForAppWithBundleID(controller.paths(), a.string(0));
+    return path ? Value(executableOfBundle(*path)) : Value();
+  });
+  table.add("pathForBundleID:inFolder:", [](AppController&, const Arguments& a) {
+    auto path = pathForBundleIDInFolder(a.string(0), a.string(1));
+    return path ? Value(*path) : Value();
+  });
+  table.add("qvAppsInFolder:", [](AppController& controller, const Arguments& a) {
+    plist::Array paths;
+    for (const std::string& path : qvAppsInFolder(controller.paths(), a.string(0))) {
+      paths.push_back(path);
+    }
+    return Value(paths);
+  });
+  table.add("dictionaryFromData:", [](AppController&, const Arguments& a) {
+    auto value = plist::parse(a.data(0));
+    if (!value || !value->asDictionary()) {
+      QVLog::appendLog("Could not convert data to dictionary");
+      return Value();
+    }
+    return *value;
+  });
+}
+
+} // namespace kestrin::operations

@@ -1,0 +1,147 @@
+#include <fstream>
+
+#include <sys/stat.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "RunningAgent.h"
+#include "fixtures/RecordingObject.h"
+#include "plist/PropertyList.h"
+#include "transport/RpcClient.h"
+
+namespace kestrin {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using plist::Value;
+using testing::eventually;
+using testing::RecordingObject;
+using testing::RunningAgent;
+
+// A maker's tool bundle whose executable records its arguments and exits with `status`.
+void makeTool(const fs::path& folder, const std::string& name, const std::string& identifier,
+              const Value& tasks, int status = 0) {
+  fs::path bundle = folder / (name + ".app");
+  fs::create_directories(bundle / "Contents/MacOS");
+  fs::create_directories(bundle / "Contents/Resources");
+  ASSERT_TRUE(plist::writeFile(bundle / "Contents/Info.plist",
+                               Value(plist::Dictionary{{"CFBundleIdentifier", identifier},
+                                                       {"CFBundleName", name}}))
+                  .ok());
+  ASSERT_TRUE(
+      plist::writeFile(bundle / "Contents/QVUpdates.plist", Value(plist::Dictionary{})).ok());
+  ASSERT_TRUE(plist::writeFile(bundle / "Contents/Resources/QVTasks.plist",
+                               Value(plist::Dictionary{{"QVTasks", tasks}}))
+                  .ok());
+  fs::path exe = bundle / "Contents/MacOS" / name;
+  std::ofstream(exe) << "#!/bin/sh\necho \"$@\" >> \"" << (folder / (name + ".args")).string()
+                     << "\"\nexit " << status << "\n";
+  fs::permissions(exe, fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
+}
+
+Value task(const char* id, plist::Array command) {
+  return plist::Dictionary{{"id", id}, {"command", command}, {"description", "a task"}};
+}
+
+class TaskExecution : public ::testing::Test {
+protected:
+  TaskExecution()
+      : agent({}, {}, [](const fs::path& root) {
+          fs::path quorvane = root / "Applications/Quorvane";
+          makeTool(quorvane, "Tibbet", "com.quorvane.Tibbet",
+                   plist::Array{task("clean", {"--clean", "--all"}), task("fail", {"--fail"})});
+          makeTool(quorvane, "Orrick", "com.quorvane.Orrick", plist::Array{task("x", {"--x"})}, 42);
+          makeTool(quorvane, "Hembry", "com.quorvane.Hembry",
+                   plist::Dictionary{{"--scan ### --deep", "Scan deeply"}});
+          // Same name, other identifier: passed over.
+          makeTool(root / "Applications", "Scallin", "com.other.Scallin",
+                   plist::Array{task("x", {"-x"})});
+          // Never scanned: an Avid folder and a Help folder.
+          makeTool(root / "Applications/Avid Media Composer", "Lintrow", "com.quorvane.Lintrow",
+                   plist::Array{task("x", {"-x"})});
+          makeTool(root / "Applications/HELP", "Feldane", "com.quorvane.Feldane",
+                   plist::Array{task("x", {"-x"})});
+          makeTool(root / "Applications", "Quorvane Software Update", "com.quorvane.SoftwareUpdate",
+                   plist::Array{task("x", {"-x"})});
+        }) {}
+
+  void SetUp() override {
+    int port = agent.waitForPort();
+    ASSERT_NE(port, 0);
+    auto connected = transport::RpcClient::connectTcp("127.0.0.1", port, 10s);
+    ASSERT_TRUE(connected.ok());
+    client = std::move(*connected);
+    client->root()->invoke("setErrorCallback:", {Value(plist::ObjectRef(callback))});
+  }
+  Value call(const std::string& selector, std::vector<Value> arguments) {
+    return client->root()->invoke(selector, std::move(arguments));
+  }
+  fs::path quorvane() const { return agent.home().parent_path() / "root/Applications/Quorvane"; }
+
+  RunningAgent agent;
+  std::unique_ptr<transport::RpcClient> client;
+  std::shared_ptr<RecordingObject> callback =
+      std::make_shared<RecordingObject>(testing::errorCallbackSelectors());
+};
+
+TEST_F(TaskExecution, ATaskRunsItsCommandFollowedByTheOptionsInOrder) {
+  call("executeTask:bundleID:options:", {Value("clean"), Value("com.quorvane.Tibbet"),
+                                         Value(plist::Array{"--verbose", "two words"})});
+  EXPECT_EQ(testing::readText(quorvane() / "Tibbet.args"), "--clean --all --verbose two words\n");
+  EXPECT_TRUE(callback->calls().empty());
+  EXPECT_TRUE(agent.logContains("Task finished successfully."));
+}
+
+TEST_F(TaskExecution, EveryFailureReachesTheCallbacksWithItsCode) {
+  auto codeOf = [&](std::vector<Value> arguments) -> Value {
+    std::size_t before = callback->calls().size();
+    call("executeTask:bundleID:options:", std::move(arguments));
+    if (callback->calls().size() == before) {
+      return Value();
+    }
+    return callback->calls().back().arguments[0];
+  };
+  auto error = [](std::int64_t code, std::optional<std::string> info = std::nullopt) {
+    plist::ErrorRecord record{"ambrantDomain", code, {}};
+    if (info) {
+      record.userInfo.set("info", *info);
+    }
+    return Value(record);
+  };
+  EXPECT_EQ(codeOf({Value("x"), Value("com.quorvane.Missing"), Value()}),
+            error(1000, "com.quorvane.Missing"));
+  EXPECT_EQ(codeOf({Value("x"), Value("com.quorvane.Hembry"), Value()}),
+            error(1002, "com.quorvane.Hembry")); // the old format cannot run
+  EXPECT_EQ(codeOf({Value("nope"), Value("com.quorvane.Tibbet"), Value()}), error(1003));
+  EXPECT_EQ(codeOf({Value("x"), Value("com.quorvane.Orrick"), Value()}), error(42));
+  EXPECT_EQ(codeOf({Value("x"), Value("com.quorvane.Scallin"), Value()}),
+            error(1000, "com.quorvane.Scallin"));
+}
+
+TEST_F(TaskExecution, LookupAndListingFollowTheNameRulesAndSkipForeignFolders) {
+  fs::path applications = quorvane().parent_path();
+  EXPECT_EQ(call("pathForAppWithBundleID:", {Value("com.quorvane.SoftwareUpdate")}),
+            Value((applications / "Quorvane Software Update.app").string()));
+  EXPECT_TRUE(call("pathForAppWithBundleID:", {Value("com.other.Nothing")}).isNull());
+
+  Value listed = call("qvAppTasks", {});
+  std::vector<std::string> names;
+  for (const Value& entry : *listed.asArray()) {
+    names.push_back(*entry.get("name")->asString());
+  }
+  EXPECT_THAT(names, ::testing::UnorderedElementsAre("Tibbet", "Orrick", "Hembry",
+                                                     "Quorvane Software Update"));
+  for (const Value& entry : *listed.asArray()) {
+    if (*entry.get("name")->asString() == "Hembry") {
+      EXPECT_EQ(
+          *entry.get("tasks"),
+          Value(plist::Array{plist::Dictionary{{"description", "Scan deeply"},
+                                               {"command", plist::Array{"--scan", "--deep"}}}}));
+    }
+  }
+}
+
+} // namespace
+} // namespace kestrin
