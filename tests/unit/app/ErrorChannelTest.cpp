@@ -152,8 +152,12 @@ TEST_F(ErrorChannelTest, WaitOnProcessingJoinsEveryWorkerAndRefusesTheMainThread
   std::thread coordinator([&] {
     channel.beginProcessing();
     std::vector<std::thread> workers;
+    // Counted before any starts: a worker that ends before the next is counted would end the
+    // fan-out early.
     for (int i = 0; i < 8; ++i) {
       channel.incrementTaskThreadCount();
+    }
+    for (int i = 0; i < 8; ++i) {
       workers.emplace_back([this, i] {
         std::this_thread::sleep_for(std::chrono::milliseconds(5 * i));
         channel.threadedObjectDictSetObject(Value(i * i), Value("cluster" + std::to_string(i)));
@@ -169,6 +173,7 @@ TEST_F(ErrorChannelTest, WaitOnProcessingJoinsEveryWorkerAndRefusesTheMainThread
   });
   coordinator.join();
   EXPECT_EQ(results.size(), 8u);
+  ASSERT_NE(results.find("cluster7"), nullptr);
   EXPECT_EQ(*results.find("cluster7"), Value(49));
   EXPECT_FALSE(channel.isProcessing());
   EXPECT_EQ(channel.taskThreadCount(), 0);
