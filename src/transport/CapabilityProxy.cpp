@@ -1,5 +1,6 @@
 #include "transport/CapabilityProxy.h"
 
+#include <atomic>
 #include <optional>
 
 #include <fmt/format.h>
@@ -21,10 +22,25 @@ constexpr const char* kReceiveException = "NSPortReceiveException";
 
 // Runs the call on the loop thread and turns the transport's failures into the named
 // exceptions that the controller's convention understands.
+//
+// KJ hands the finished call back through futexes that ThreadSanitizer cannot see, so the
+// answer written on the loop thread is also published through an atomic of our own; without
+// it every byte of a large answer reads as a race.
 template <typename Func> void onLoop(ConnectionState& state, Func&& func) {
+  std::atomic<bool> published{false};
+  auto publish = [&published] { published.store(true, std::memory_order_release); };
   try {
-    state.executor->executeSync(kj::fwd<Func>(func));
+    state.executor->executeSync([&]() -> kj::Promise<void> {
+      return kj::evalNow(kj::fwd<Func>(func))
+          .then([publish]() { publish(); },
+                [publish](kj::Exception&& e) {
+                  publish();
+                  kj::throwFatalException(kj::mv(e));
+                });
+    });
+    (void)published.load(std::memory_order_acquire);
   } catch (const kj::Exception& e) {
+    (void)published.load(std::memory_order_acquire);
     if (e.getType() == kj::Exception::Type::DISCONNECTED || !state.alive) {
       throwGone();
     }

@@ -70,6 +70,9 @@ private:
 };
 
 struct Outcome {
+  // KJ's cross-thread fulfiller synchronises where ThreadSanitizer cannot see; the worker
+  // publishes the outcome through this flag as well so the loop thread's reads are ordered.
+  std::atomic<bool> published{false};
   plist::Value result;
   bool raised = false;
   std::string name;
@@ -113,10 +116,14 @@ template <typename Work> kj::Promise<OutcomePtr> onWorker(Work work) {
       outcome->raise("NSGenericException", "unknown exception");
     }
     work = {}; // arguments and their proxies go before the answer does
+    outcome->published.store(true, std::memory_order_release);
     (*fulfiller)->fulfill(kj::mv(outcome));
     --workers;
   });
-  return kj::mv(paf.promise);
+  return paf.promise.then([](OutcomePtr outcome) {
+    (void)outcome->published.load(std::memory_order_acquire);
+    return outcome;
+  });
 }
 
 } // namespace
