@@ -126,37 +126,17 @@ int QVAuthorization::authExecTask(const std::string& tool,
     }
     return 0;
   }
-  if (!isAuthorized() && !authStart()) {
+  auto frame = credentialCopy();
+  if (!frame) {
     return -1;
   }
-  auto frame = std::make_shared<auth::CredentialFrame>();
-  {
-    std::lock_guard lock(mutex_);
-    if (!credentials_) {
-      return -1; // ended meanwhile
-    }
-    frame->append(credentials_->data(), credentials_->size());
-  }
-  std::vector<std::string> arguments = environment_.helperOptions;
-  arguments.emplace_back("--");
-  arguments.push_back(tool);
-  arguments.insert(arguments.end(), parameters.begin(), parameters.end());
+  std::vector<std::string> arguments = helperArguments(tool, parameters);
   std::string helper = environment_.tools.path(platform::Tool::KestrinAuth);
   auto run = [helper, arguments, frame] {
     int status = QVTaskEx::terminationCodeFromTaskWithInput(helper, arguments,
                                                             {frame->data(), frame->size()});
     frame->wipe();
-    auto refusal = auth::authStatusFromExit(status);
-    if (status == -1) {
-      QVLog::appendLog("Unable to run {}", helper);
-      return -1;
-    }
-    if (refusal) {
-      if (auth::refusesCredentials(*refusal)) {
-        QVLog::appendLogAndPrint("Authorization failed. Invalid username or password");
-      } else {
-        QVLog::appendLog("Privileged execution failed: {}", auth::describe(*refusal));
-      }
+    if (helperRefused(helper, status)) {
       return status;
     }
     return 0; // the program ran; its own status is not the call's
@@ -166,6 +146,70 @@ int QVAuthorization::authExecTask(const std::string& tool,
     return 0;
   }
   return run();
+}
+
+std::optional<std::string>
+QVAuthorization::authOutputFromTask(const std::string& tool,
+                                    const std::vector<std::string>& parameters) {
+  if (!exists(tool)) {
+    QVLog::console("Unable to execute task: path {} doesn't exist", tool);
+    return std::nullopt;
+  }
+  if (environment_.runningAsRoot) {
+    return QVTaskEx::stringFromTask(tool, parameters, StringEncoding::UTF8);
+  }
+  auto frame = credentialCopy();
+  if (!frame) {
+    return std::nullopt;
+  }
+  std::string helper = environment_.tools.path(platform::Tool::KestrinAuth);
+  auto captured = QVTaskEx::capturedFromTaskWithInput(helper, helperArguments(tool, parameters),
+                                                      {frame->data(), frame->size()});
+  frame->wipe();
+  if (!captured || helperRefused(helper, captured->status)) {
+    return std::nullopt;
+  }
+  return QVTaskEx::decode(captured->output, StringEncoding::UTF8);
+}
+
+std::shared_ptr<auth::CredentialFrame> QVAuthorization::credentialCopy() {
+  if (!isAuthorized() && !authStart()) {
+    return nullptr;
+  }
+  auto frame = std::make_shared<auth::CredentialFrame>();
+  std::lock_guard lock(mutex_);
+  if (!credentials_) {
+    return nullptr; // ended meanwhile
+  }
+  frame->append(credentials_->data(), credentials_->size());
+  return frame;
+}
+
+std::vector<std::string>
+QVAuthorization::helperArguments(const std::string& tool,
+                                 const std::vector<std::string>& parameters) const {
+  std::vector<std::string> arguments = environment_.helperOptions;
+  arguments.emplace_back("--");
+  arguments.push_back(tool);
+  arguments.insert(arguments.end(), parameters.begin(), parameters.end());
+  return arguments;
+}
+
+bool QVAuthorization::helperRefused(const std::string& helper, int status) {
+  if (status == -1) {
+    QVLog::appendLog("Unable to run {}", helper);
+    return true;
+  }
+  auto refusal = auth::authStatusFromExit(status);
+  if (!refusal) {
+    return false;
+  }
+  if (auth::refusesCredentials(*refusal)) {
+    QVLog::appendLogAndPrint("Authorization failed. Invalid username or password");
+  } else {
+    QVLog::appendLog("Privileged execution failed: {}", auth::describe(*refusal));
+  }
+  return true;
 }
 
 bool QVAuthorization::refuseSystemDirectory(const std::string& path, const char* message) const {

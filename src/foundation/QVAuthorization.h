@@ -61,11 +61,22 @@ public:
   int authExecTask(const std::string& tool, const std::vector<std::string>& parameters,
                    bool async = true);
 
+  // Runs the tool with rights and waits: its output (standard output, then standard error) as
+  // UTF-8 text, or nullopt when it could not run or the helper refused.
+  std::optional<std::string> authOutputFromTask(const std::string& tool,
+                                                const std::vector<std::string>& parameters);
+
   // Where trashing `path` puts it: the trash folder (the console user's own when root), with a
   // "_YYYYMMDDHHMMSS" stamp before the extension when the name is taken.
   std::string trashDestination(const std::string& path) const;
 
 private:
+  // A copy of the kept credentials for one helper run, or null when not authorised.
+  std::shared_ptr<auth::CredentialFrame> credentialCopy();
+  std::vector<std::string> helperArguments(const std::string& tool,
+                                           const std::vector<std::string>& parameters) const;
+  // Logs why the helper did not run the program; true when it did not.
+  static bool helperRefused(const std::string& helper, int status);
   bool refuseSystemDirectory(const std::string& path, const char* message) const;
 
   Environment environment_;

@@ -218,6 +218,27 @@ int QVTaskEx::terminationCodeFromTaskWithInput(const std::string& path, const Ar
   return termination ? termination->status : -1;
 }
 
+std::optional<QVTaskEx::Captured>
+QVTaskEx::capturedFromTaskWithInput(const std::string& path, const Arguments& arguments,
+                                    std::span<const std::uint8_t> standardInput) {
+  if (!isRunnable(path)) {
+    reportNotExecutable(path);
+    return std::nullopt;
+  }
+  LaunchRequest request{path, arguments, std::nullopt, StreamTarget::Pipe, StreamTarget::Pipe};
+  request.standardInput = standardInput;
+  auto child = ChildProcess::launch(request);
+  if (!child) {
+    reportLaunchFailure(path, child.failure());
+    return std::nullopt;
+  }
+  auto output = platform::drainToEnd((*child)->takeStandardOutput(), (*child)->takeStandardError());
+  Captured captured{(*child)->waitUntilExit().status, std::move(output.standardOutput)};
+  captured.output.insert(captured.output.end(), output.standardError.begin(),
+                         output.standardError.end());
+  return captured;
+}
+
 int QVTaskEx::terminationCodeFromTask(const std::string& path, const Arguments& arguments,
                                       TimeLimit timeout) {
   return QVTaskEx().terminationCodeFromTaskBounded(path, arguments, timeout);

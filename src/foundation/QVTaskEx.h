@@ -94,6 +94,16 @@ public:
   static int terminationCodeFromTaskWithInput(const std::string& path, const Arguments& arguments,
                                               std::span<const std::uint8_t> standardInput);
 
+  // A run with bytes on standard input whose exit status and output (standard output, then
+  // standard error) both matter to the caller; null when refused or not launched.
+  struct Captured {
+    int status = -1;
+    plist::Data output;
+  };
+  static std::optional<Captured>
+  capturedFromTaskWithInput(const std::string& path, const Arguments& arguments,
+                            std::span<const std::uint8_t> standardInput);
+
   // The capturing run: standard output, or standard error when standard output is empty and
   // standard error is not (a tool that writes only to standard error answers its error text).
   // With logOutput false the child writes to the agent's own standard output and only standard
