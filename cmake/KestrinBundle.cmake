@@ -7,3 +7,9 @@ configure_file("${CMAKE_SOURCE_DIR}/resources/Info.plist.in"
 # The PAM service of kestrin-auth travels in the bundle; -setup installs it.
 configure_file("${CMAKE_SOURCE_DIR}/resources/pam.d/kestrin-auth"
                "${KESTRIN_BUNDLE_DIR}/Contents/Resources/pam.d/kestrin-auth" COPYONLY)
+# Status-item images, the service icons and the icon of applications that bring none.
+file(GLOB KESTRIN_BUNDLE_IMAGES CONFIGURE_DEPENDS "${CMAKE_SOURCE_DIR}/resources/images/*.png")
+foreach(image IN LISTS KESTRIN_BUNDLE_IMAGES)
+  get_filename_component(name "${image}" NAME)
+  configure_file("${image}" "${KESTRIN_BUNDLE_DIR}/Contents/Resources/${name}" COPYONLY)
+endforeach()

@@ -34,6 +34,12 @@ public:
   // Path of the application bundle whose "CFBundleIdentifier" equals identifier.
   std::optional<std::string> pathForBundleIdentifier(const std::string& identifier) const;
 
+  // The file of a bundle's icon: Contents/Resources/<CFBundleIconFile> (its ".png" form when
+  // the name has no extension), else the generic application icon of the running program's
+  // bundle; nullopt when neither exists.
+  std::optional<std::string> iconFileForBundle(const std::string& bundlePath) const;
+  static constexpr const char* kGenericApplicationIcon = "GenericApplicationIcon.png";
+
   // Reads a bundle at a path; nullopt when it has no readable Info.plist dictionary.
   static std::optional<BundleInfo> readBundle(const std::string& bundlePath);
 

@@ -76,6 +76,29 @@ std::optional<BundleInfo> Workspace::mainBundle() const {
   return info;
 }
 
+std::optional<std::string> Workspace::iconFileForBundle(const std::string& bundlePath) const {
+  std::error_code ec;
+  fs::path resources = fs::path(bundlePath) / "Contents" / "Resources";
+  auto info = plist::readFile(fs::path(bundlePath) / "Contents" / "Info.plist");
+  const plist::Value* name = info ? info->get("CFBundleIconFile") : nullptr;
+  if (name && name->asString() && !name->asString()->empty()) {
+    fs::path icon = resources / *name->asString();
+    if (!icon.has_extension()) {
+      icon += ".png";
+    }
+    if (fs::is_regular_file(icon, ec)) {
+      return icon.string();
+    }
+  }
+  if (auto own = mainBundle()) {
+    fs::path generic = fs::path(own->path) / "Contents" / "Resources" / kGenericApplicationIcon;
+    if (fs::is_regular_file(generic, ec)) {
+      return generic.string();
+    }
+  }
+  return std::nullopt;
+}
+
 std::optional<std::string> Workspace::pathForBundleIdentifier(const std::string& identifier) const {
   if (auto own = mainBundle()) {
     const plist::Value* id = own->info.find("CFBundleIdentifier");
