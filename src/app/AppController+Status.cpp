@@ -1,10 +1,12 @@
 // The status text and the maintenance request that the user at this machine can send to the
 // administration application.
 
+#include <filesystem>
 #include <iostream>
 
 #include "app/AppController.h"
 #include "foundation/QVLog.h"
+#include "platform/FileBytes.h"
 
 namespace kestrin {
 
@@ -20,6 +22,36 @@ void AppController::updateStatus(const std::string& status) {
 
 void AppController::notifyCurrentStatus() {
   postNotification("QVKestrinStatusUpdate", {{"status", statusString()}});
+}
+
+void AppController::setupIconDict() {
+  static constexpr std::pair<const char*, const char*> kImages[] = {
+      {"normal", "spanner-18.png"},
+      {"highlight", "spanner-highlight-18.png"},
+      {"maintenance", "spanner-maintenance-18.png"},
+      {"disconnected", "spanner-disconnected-18.png"},
+      {"smallServiceIcon", "smallServiceIcon.png"},
+      {"largeServiceIcon", "largeServiceIcon.png"},
+  };
+  constexpr std::size_t kImageLimit = 1 << 20;
+  std::filesystem::path resources =
+      std::filesystem::path(bundlePath().value_or("")) / "Contents/Resources";
+  plist::Dictionary icons;
+  for (const auto& [role, file] : kImages) {
+    auto bytes = platform::readFileBytes((resources / file).string(), kImageLimit);
+    if (bytes) {
+      icons.set(role, std::move(*bytes));
+    } else {
+      QVLog::appendLog("Could not load image {}", bytes.message());
+    }
+  }
+  std::lock_guard lock(stateMutex_);
+  iconDict_ = std::move(icons);
+}
+
+plist::Value AppController::iconDict() const {
+  std::lock_guard lock(stateMutex_);
+  return iconDict_;
 }
 
 void AppController::hideMenuBarItem() {

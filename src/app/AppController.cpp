@@ -75,7 +75,7 @@ AppController::~AppController() {
   if (initialized_) {
     // Reaching here is the orderly end; a killed agent never writes this stamp.
     QVBugReporter::stopBugReporter(environment_.paths, platform::ToolTable::shared(),
-                                   preferences_.path());
+                                   preferences_.path(), stampWriter());
   }
 }
 
@@ -86,6 +86,27 @@ void AppController::setQVApps(std::vector<std::string> paths) {
     qvAppsPopulated_ = true;
   }
   qvAppsChanged_.notify_all();
+}
+
+void AppController::populateQVApps() {
+  exceptionGuard_.run("-[AppController populateQVApps]", [this] {
+    QVLog::appendLog("Getting Quorvane app list...");
+    setQVApps(operations::qvAppsInFolder(
+        environment_.paths, environment_.paths.applicationDirectory(false).value_or("")));
+  });
+}
+
+bool AppController::qvAppsPopulated() const {
+  std::lock_guard lock(stateMutex_);
+  return qvAppsPopulated_;
+}
+
+// The crash stamps share the settings file with every other writer, so they go through the
+// same locked read-modify-write rather than a write of their own.
+QVBugReporter::StampWriter AppController::stampWriter() {
+  return [this](const std::string& key, const plist::Value& value) {
+    return preferences_.setObject(value, key).ok();
+  };
 }
 
 std::vector<std::string> AppController::qvApps(std::chrono::milliseconds wait) {
@@ -108,12 +129,14 @@ bool AppController::init() {
   // The new log opens first so that a crash found in the previous run is written into it:
   // before the first log of this process there is no file to take the line.
   QVLog::createNewLog(std::string(kApplicationName));
-  QVBugReporter::startBugReporter(environment_.paths, platform::ToolTable::shared(),
-                                  std::string(kApplicationName), preferences_.path(),
-                                  [this](const std::string& crashLog) {
-                                    std::lock_guard lock(stateMutex_);
-                                    lastCrashLogPath_ = crashLog;
-                                  });
+  QVBugReporter::startBugReporter(
+      environment_.paths, platform::ToolTable::shared(), std::string(kApplicationName),
+      preferences_.path(),
+      [this](const std::string& crashLog) {
+        std::lock_guard lock(stateMutex_);
+        lastCrashLogPath_ = crashLog;
+      },
+      stampWriter());
   initialized_ = true;
   connectNotificationCenter();
   updateStatus("Starting up...");
@@ -125,13 +148,7 @@ bool AppController::init() {
   }
   startService();
   QVAuthorization::sharedController(false);
-  startThread([this] {
-    exceptionGuard_.run("-[AppController populateQVApps]", [this] {
-      QVLog::appendLog("Getting Quorvane app list...");
-      setQVApps(operations::qvAppsInFolder(
-          environment_.paths, environment_.paths.applicationDirectory(false).value_or("")));
-    });
-  });
+  startThread([this] { populateQVApps(); });
   observeNotifications();
 
   // The bundle's own "lastRunVersion" is compared while the preference file receives the
@@ -197,6 +214,9 @@ void AppController::loadSettings() {
   QVLog::appendLog("Loading settings...");
   auto showIcon = objectForPreferenceDictionaryKey("showMenuBarIcon").integerValue();
   if (showIcon.value_or(0) != 0) {
+    if (iconDict().isNull()) {
+      setupIconDict();
+    }
     // There is no status bar to show an item in; the request still passes through the main
     // thread like every status-item change.
     environment_.mainLoop.runOnMainThreadAndWait([] {});

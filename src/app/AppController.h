@@ -15,6 +15,7 @@
 #include "app/ErrorChannel.h"
 #include "app/ExceptionGuard.h"
 #include "app/PreferenceFile.h"
+#include "foundation/QVBugReporter.h"
 #include "platform/NotificationCenter.h"
 #include "plist/Value.h"
 
@@ -99,6 +100,11 @@ public:
   void enableMaintenance();
   void disableMaintenance();
   bool maintenanceRequested() const { return maintenanceRequested_; }
+  // Loads the status-item and service images from the bundle's Resources into iconDict.
+  void setupIconDict();
+  // The images by role ("normal", "highlight", "maintenance", "disconnected",
+  // "smallServiceIcon", "largeServiceIcon"), or null until setupIconDict has run.
+  plist::Value iconDict() const;
 
   // ---- distributed notifications
   // Connects to the session bus; without one, notifications are off (logged once).
@@ -160,7 +166,10 @@ public:
   bool isConnected() const { return isConnected_; }
 
   // ---- the maker's applications found at start-up
+  // Scans the Applications folder for the maker's applications and stores the list.
+  void populateQVApps();
   void setQVApps(std::vector<std::string> paths);
+  bool qvAppsPopulated() const;
   // The list, once the scan has finished or `wait` has passed (whatever there is then).
   std::vector<std::string> qvApps(std::chrono::milliseconds wait);
   const QVLocalPaths& paths() const { return environment_.paths; }
@@ -176,6 +185,7 @@ public:
   plist::Value availableUpdateCountLastUpdate() const;
 
 private:
+  QVBugReporter::StampWriter stampWriter();
   // Starts fn on a thread of its own; the destructor joins it.
   void startThread(std::function<void()> fn);
   void reconnectOnThread(double seconds);

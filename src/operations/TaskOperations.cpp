@@ -8,11 +8,15 @@
 #include "app/AppController.h"
 #include "foundation/QVAuthorization.h"
 #include "foundation/QVEncryption.h"
+#include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
 #include "foundation/QVTaskEx.h"
 #include "operations/MakerApplications.h"
 #include "operations/OperationGroups.h"
 #include "operations/OperationTable.h"
+#include "platform/FileBytes.h"
+#include "platform/ImageScaling.h"
+#include "platform/Workspace.h"
 #include "plist/PropertyList.h"
 
 namespace kestrin::operations {
@@ -135,6 +139,53 @@ Value authExecuteTask(AppController& controller, const Arguments& a) {
   return {};
 }
 
+// The same run, reporting to one callback instead of the error channel: each failure and, on
+// success, the tool's output arrive under "output".
+Value authExecuteTaskWithCallback(AppController& controller, const Arguments& a) {
+  if (a.at(5).isNull()) {
+    QVLog::appendLog("Error: No callback specified.");
+    return {};
+  }
+  const std::string& taskId = a.string(0);
+  const std::string& bundleId = a.string(1);
+  plist::Array options = a.at(2).isNull() ? plist::Array{} : a.array(2);
+  std::optional<std::string> user = a.optionalString(3);
+  std::string callbackName = a.string(6);
+  controller.setupCallbackListener(a.object(5), callbackName);
+  QVLog::appendLog("Auth executing task {} in {} with options {} for user {} (with callback)...",
+                   taskId, bundleId, optionsText(options), user.value_or("(null)"));
+  auto report = [&](const std::string& output) {
+    controller.executeCallback(callbackName, plist::Dictionary{{"output", output}});
+    return Value();
+  };
+  Resolved task = resolveTask(controller, taskId, bundleId, options, "Cannot find application");
+  switch (task.failure) {
+  case 0:
+    break;
+  case 1000:
+    return report("Error: Cannot find application");
+  case 1001:
+    return report("Error: Cannot find application's Info.plist file");
+  case 1002:
+    return report("Error: Application uses old task format. Please update the application.");
+  default:
+    return report("Error: Task not found.");
+  }
+  const plist::Data* encrypted = a.at(4).asData();
+  std::string password = encrypted ? QVEncryption::decryptPassword(*encrypted) : "";
+  QVAuthorization& authorization = QVAuthorization::sharedController(false);
+  if (!authorization.authStartWithUser(user, password)) {
+    QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
+    return report("Error: Unable to authorize. Username and password may be incorrect.");
+  }
+  QVLog::appendLog("Executing auth task...");
+  std::optional<std::string> output =
+      authorization.authOutputFromTask(task.executable, task.arguments);
+  QVLog::appendLog("Ending authorization...");
+  authorization.authEnd();
+  return report(output.value_or(""));
+}
+
 // The tasks of one application as the admin side lists them, or nothing.
 std::optional<plist::Array> tasksOf(const std::string& bundlePath, const plist::Dictionary& info) {
   auto file = taskFileOf(bundlePath);
@@ -163,8 +214,28 @@ std::optional<plist::Array> tasksOf(const std::string& bundlePath, const plist::
   return converted;
 }
 
+// The application's icon as the admin side lists it: TIFF data, 48 × 48.
+std::optional<plist::Data> iconOf(const platform::Workspace& workspace,
+                                  const std::string& bundlePath) {
+  constexpr std::size_t kIconFileLimit = 16 << 20;
+  auto file = workspace.iconFileForBundle(bundlePath);
+  if (!file) {
+    return std::nullopt;
+  }
+  auto bytes = platform::readFileBytes(*file, kIconFileLimit);
+  auto tiff =
+      bytes ? platform::scaleImageToTiff(*bytes, 48, 48) : Expected<plist::Data>(bytes.failure());
+  if (!tiff) {
+    QVLog::appendLog("No icon for {}: {}", bundlePath, tiff.message());
+    return std::nullopt;
+  }
+  return std::move(*tiff);
+}
+
 Value qvAppTasks(AppController& controller, const Arguments&) {
   QVLog::appendLog("Getting Quorvane apps with available tasks...");
+  const QVLocalPaths::Machine& machine = controller.paths().machine();
+  auto workspace = platform::Workspace::forMachine(machine.localRoot, machine.home);
   plist::Array entries;
   for (const std::string& path : controller.qvApps(std::chrono::seconds(10))) {
     auto info = plist::readFile(fs::path(path) / "Contents/Info.plist");
@@ -176,9 +247,13 @@ Value qvAppTasks(AppController& controller, const Arguments&) {
     }
     const Value* name = infoDict.find("CFBundleName");
     const Value* identifier = infoDict.find("CFBundleIdentifier");
-    entries.push_back(plist::Dictionary{{"name", name ? *name : Value()},
-                                        {"bundleid", identifier ? *identifier : Value()},
-                                        {"tasks", *tasks}});
+    plist::Dictionary entry{{"name", name ? *name : Value()},
+                            {"bundleid", identifier ? *identifier : Value()}};
+    if (auto icon = iconOf(workspace, path)) {
+      entry.set("icon", std::move(*icon));
+    }
+    entry.set("tasks", std::move(*tasks));
+    entries.push_back(std::move(entry));
   }
   return entries;
 }
@@ -188,6 +263,8 @@ Value qvAppTasks(AppController& controller, const Arguments&) {
 void addTaskOperations(OperationTable& table) {
   table.add("executeTask:bundleID:options:", executeTask);
   table.add("authExecuteTask:bundleID:options:username:password:", authExecuteTask);
+  table.add("authExecuteTask:bundleID:options:username:password:callback:callbackName:",
+            authExecuteTaskWithCallback);
   table.add("qvAppTasks", qvAppTasks);
   table.add("pathForAppWithBundleID:", [](AppController& controller, const Arguments& a) {
     auto path = pathForAppWithBundleID(controller.paths(), a.string(0));
@@ -207,6 +284,10 @@ void addTaskOperations(OperationTable& table) {
       paths.push_back(path);
     }
     return Value(paths);
+  });
+  table.add("setupIconDict", [](AppController& controller, const Arguments&) {
+    controller.setupIconDict();
+    return Value();
   });
   table.add("dictionaryFromData:", [](AppController&, const Arguments& a) {
     auto value = plist::parse(a.data(0));

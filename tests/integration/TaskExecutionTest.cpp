@@ -21,14 +21,17 @@ using testing::RecordingObject;
 using testing::RunningAgent;
 
 // A maker's tool bundle whose executable records its arguments and exits with `status`.
+// It also prints them, for the runs whose output reaches the admin. `body`, when given,
+// replaces the whole script after the shebang line.
 void makeTool(const fs::path& folder, const std::string& name, const std::string& identifier,
-              const Value& tasks, int status = 0) {
+              const Value& tasks, int status = 0, const std::string& body = {}) {
   fs::path bundle = folder / (name + ".app");
   fs::create_directories(bundle / "Contents/MacOS");
   fs::create_directories(bundle / "Contents/Resources");
   ASSERT_TRUE(plist::writeFile(bundle / "Contents/Info.plist",
                                Value(plist::Dictionary{{"CFBundleIdentifier", identifier},
-                                                       {"CFBundleName", name}}))
+                                                       {"CFBundleName", name},
+                                                       {"CFBundleIconFile", name}}))
                   .ok());
   ASSERT_TRUE(
       plist::writeFile(bundle / "Contents/QVUpdates.plist", Value(plist::Dictionary{})).ok());
@@ -36,8 +39,12 @@ void makeTool(const fs::path& folder, const std::string& name, const std::string
                                Value(plist::Dictionary{{"QVTasks", tasks}}))
                   .ok());
   fs::path exe = bundle / "Contents/MacOS" / name;
-  std::ofstream(exe) << "#!/bin/sh\necho \"$@\" >> \"" << (folder / (name + ".args")).string()
-                     << "\"\nexit " << status << "\n";
+  if (body.empty()) {
+    std::ofstream(exe) << "#!/bin/sh\necho \"$@\" >> \"" << (folder / (name + ".args")).string()
+                       << "\"\necho \"ran $@\"\nexit " << status << "\n";
+  } else {
+    std::ofstream(exe) << "#!/bin/sh\n" << body << "\n";
+  }
   fs::permissions(exe, fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
 }
 
@@ -53,6 +60,11 @@ protected:
           makeTool(quorvane, "Tibbet", "com.quorvane.Tibbet",
                    plist::Array{task("clean", {"--clean", "--all"}), task("fail", {"--fail"})});
           makeTool(quorvane, "Orrick", "com.quorvane.Orrick", plist::Array{task("x", {"--x"})}, 42);
+          makeTool(quorvane, "Sevrin", "com.quorvane.Sevrin", plist::Array{task("hang", {"-h"})}, 0,
+                   "exec sleep 300");
+          // Tibbet brings its own icon; the others get the generic one.
+          fs::copy_file(fs::path(KESTRIN_AGENT_PATH).parent_path() / "../Resources/spanner-18.png",
+                        quorvane / "Tibbet.app/Contents/Resources/Tibbet.png");
           makeTool(quorvane, "Hembry", "com.quorvane.Hembry",
                    plist::Dictionary{{"--scan ### --deep", "Scan deeply"}});
           // Same name, other identifier: passed over.
@@ -131,7 +143,7 @@ TEST_F(TaskExecution, LookupAndListingFollowTheNameRulesAndSkipForeignFolders) {
   for (const Value& entry : *listed.asArray()) {
     names.push_back(*entry.get("name")->asString());
   }
-  EXPECT_THAT(names, ::testing::UnorderedElementsAre("Tibbet", "Orrick", "Hembry",
+  EXPECT_THAT(names, ::testing::UnorderedElementsAre("Tibbet", "Orrick", "Hembry", "Sevrin",
                                                      "Quorvane Software Update"));
   for (const Value& entry : *listed.asArray()) {
     if (*entry.get("name")->asString() == "Hembry") {
@@ -141,6 +153,73 @@ TEST_F(TaskExecution, LookupAndListingFollowTheNameRulesAndSkipForeignFolders) {
                                                {"command", plist::Array{"--scan", "--deep"}}}}));
     }
   }
+}
+
+bool isTiff(const Value* icon) {
+  const plist::Data* bytes = icon ? icon->asData() : nullptr;
+  if (bytes == nullptr || bytes->size() < 8) {
+    return false;
+  }
+  std::string magic(bytes->begin(), bytes->begin() + 4);
+  return magic == std::string("II*\0", 4) || magic == std::string("MM\0*", 4);
+}
+
+TEST_F(TaskExecution, EveryListedApplicationCarriesATiffIconItsOwnOrTheGenericOne) {
+  std::map<std::string, Value> icons;
+  Value listed = call("qvAppTasks", {});
+  ASSERT_NE(listed.asArray(), nullptr) << plist::describe(listed);
+  for (const Value& entry : *listed.asArray()) {
+    const Value* name = entry.get("name");
+    ASSERT_TRUE(name && name->asString()) << plist::describe(entry);
+    const Value* icon = entry.get("icon");
+    EXPECT_TRUE(isTiff(icon)) << *name->asString();
+    icons[*name->asString()] = icon ? *icon : Value();
+  }
+  EXPECT_NE(icons["Tibbet"], icons["Orrick"]);
+  EXPECT_EQ(icons["Orrick"], icons["Hembry"]);
+}
+
+TEST_F(TaskExecution, AHungTaskIsEndedAtItsTimeLimitAndItsStatusPosted) {
+  auto started = std::chrono::steady_clock::now();
+  call("executeTask:bundleID:options:", {Value("hang"), Value("com.quorvane.Sevrin"), Value()});
+  auto took = std::chrono::steady_clock::now() - started;
+  EXPECT_GE(took, 29s);
+  EXPECT_LT(took, 120s);
+  ASSERT_EQ(callback->calls().size(), 1u);
+  const plist::ErrorRecord* error = callback->calls()[0].arguments[0].asError();
+  ASSERT_NE(error, nullptr);
+  EXPECT_NE(error->code, 0);
+  EXPECT_TRUE(agent.logContains("Task finished with an error."));
+}
+
+TEST_F(TaskExecution, TheCallbackVariantReportsFailuresAndOutputToItsCallbackOnly) {
+  auto outputOf = [&](const char* taskId, const char* bundleId) -> Value {
+    auto relay = std::make_shared<RecordingObject>(std::set<std::string>{"postCallback:"});
+    call("authExecuteTask:bundleID:options:username:password:callback:callbackName:",
+         {Value(taskId), Value(bundleId), Value(plist::Array{"--now"}), Value("admin"),
+          Value(plist::Data{}), Value(plist::ObjectRef(relay)), Value("QVTaskOutput")});
+    auto calls = relay->calls();
+    EXPECT_EQ(calls.size(), 1u);
+    const Value* output = calls.empty() ? nullptr : calls[0].arguments.at(0).get("output");
+    return output ? *output : Value();
+  };
+  EXPECT_EQ(outputOf("x", "com.quorvane.Missing"), Value("Error: Cannot find application"));
+  EXPECT_EQ(outputOf("x", "com.quorvane.Hembry"),
+            Value("Error: Application uses old task format. Please update the application."));
+  EXPECT_EQ(outputOf("nope", "com.quorvane.Tibbet"), Value("Error: Task not found."));
+  if (::getuid() == 0) {
+    // A root agent runs with rights without asking; the tool's own output comes back.
+    EXPECT_EQ(outputOf("clean", "com.quorvane.Tibbet"), Value("ran --clean --all --now\n"));
+  } else {
+    EXPECT_EQ(outputOf("clean", "com.quorvane.Tibbet"),
+              Value("Error: Unable to authorize. Username and password may be incorrect."));
+  }
+  EXPECT_TRUE(callback->calls().empty()); // nothing went to the error channel
+
+  call("authExecuteTask:bundleID:options:username:password:callback:callbackName:",
+       {Value("clean"), Value("com.quorvane.Tibbet"), Value(), Value("admin"), Value(), Value(),
+        Value("QVTaskOutput")});
+  EXPECT_TRUE(agent.logContains("Error: No callback specified."));
 }
 
 } // namespace
