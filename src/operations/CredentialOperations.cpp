@@ -3,6 +3,7 @@
 
 #include <filesystem>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "app/AppController.h"
@@ -12,6 +13,8 @@
 #include "foundation/QVTaskEx.h"
 #include "operations/OperationGroups.h"
 #include "operations/OperationTable.h"
+#include "operations/PathComponents.h"
+#include "plist/PropertyList.h"
 
 namespace kestrin::operations {
 
@@ -40,8 +43,33 @@ Value authWithDict(const plist::Dictionary& credentials) {
   return plist::ErrorRecord{"ambrantDomain", 1006, {}};
 }
 
-bool canChange(const std::filesystem::path& path) {
+bool isWritable(const std::filesystem::path& path) {
   return ::access(path.c_str(), W_OK) == 0;
+}
+
+// Removing an entry needs write access to its folder and, in a sticky folder such as /tmp,
+// ownership of the entry or the folder.
+bool isDeletable(const std::filesystem::path& path) {
+  std::filesystem::path parent = path.parent_path();
+  if (!isWritable(parent)) {
+    return false;
+  }
+  struct stat folder {};
+  struct stat entry {};
+  if (::stat(parent.c_str(), &folder) != 0 || (folder.st_mode & S_ISVTX) == 0) {
+    return true;
+  }
+  uid_t me = ::geteuid();
+  return me == 0 || folder.st_uid == me ||
+         (::lstat(path.c_str(), &entry) == 0 && entry.st_uid == me);
+}
+
+std::vector<std::string> stringsOf(const plist::Array& values) {
+  std::vector<std::string> strings;
+  for (const Value& value : values) {
+    strings.push_back(value.asString() ? *value.asString() : plist::describe(value));
+  }
+  return strings;
 }
 
 } // namespace
@@ -70,11 +98,7 @@ void addCredentialOperations(OperationTable& table) {
           controller.errorChannel().postErrorWithCode(error->code, std::nullopt);
           return refused;
         }
-        std::vector<std::string> arguments;
-        for (const Value& argument : a.array(1)) {
-          arguments.push_back(argument.asString() ? *argument.asString()
-                                                  : plist::describe(argument));
-        }
+        std::vector<std::string> arguments = stringsOf(a.array(1));
         QVLog::appendLog("Executing auth task...");
         QVAuthorization::sharedController(false).authExecTask(a.string(0), arguments);
         QVLog::appendLog("Ending authorization...");
@@ -94,17 +118,25 @@ void addCredentialOperations(OperationTable& table) {
           std::filesystem::path path(*entry.asString());
           std::filesystem::path parent = path.parent_path();
           std::error_code ec;
-          if (!std::filesystem::exists(parent, ec)) {
+          if (!std::filesystem::exists(std::filesystem::symlink_status(path, ec))) {
             continue;
           }
-          // Deleting a path needs write access to its folder; changing it, to itself.
-          if ((std::filesystem::exists(path, ec) && !canChange(path)) || !canChange(parent)) {
+          if (!isDeletable(path) || !isWritable(path) || !isDeletable(parent) ||
+              !isWritable(parent)) {
             return Value(true);
           }
         }
         return Value(false);
       },
       false);
+
+  table.add("stripComponents:fromPath:", [](AppController&, const Arguments& a) {
+    plist::Array stripped;
+    for (std::string& component : stripComponents(stringsOf(a.array(0)), stringsOf(a.array(1)))) {
+      stripped.push_back(std::move(component));
+    }
+    return Value(stripped);
+  });
 }
 
 } // namespace kestrin::operations
