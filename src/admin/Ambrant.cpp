@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include "admin/AdminClient.h"
+#include "admin/ConfigurationReceiver.h"
 #include "admin/JsonValue.h"
 #include "foundation/QVEncryption.h"
 #include "platform/ServiceBrowser.h"
@@ -30,6 +31,7 @@ constexpr const char* kUsage =
     "usage: ambrant browse [--timeout SECONDS]\n"
     "       ambrant call HOST:PORT SELECTOR [ARG ...] [--xml] [--linger SECONDS]\n"
     "       ambrant watch HOST:PORT\n"
+    "       ambrant config HOST:PORT [--xml]\n"
     "       ambrant encrypt-password\n"
     "ARG is a JSON value; {\"$data\":\"<base64>\"} is data, {\"$date\":\"<ISO 8601>\"} a date.\n";
 
@@ -111,6 +113,15 @@ Expected<std::unique_ptr<Session>> openSession(const std::string& where) {
   return session;
 }
 
+void printValue(const plist::Value& value, bool xml) {
+  if (xml) {
+    auto text = plist::toXml(value);
+    std::cout << (text ? *text : "") << std::flush;
+  } else {
+    std::cout << jsonFromValue(value) << std::endl;
+  }
+}
+
 int call(std::vector<std::string> arguments) {
   bool xml = takeFlag(arguments, "--xml");
   double linger = optionValue(arguments, "--linger").value_or(0);
@@ -134,13 +145,7 @@ int call(std::vector<std::string> arguments) {
   }
   int status = kOk;
   try {
-    plist::Value result = (*session)->client->call(arguments[1], std::move(values));
-    if (xml) {
-      auto text = plist::toXml(result);
-      std::cout << (text ? *text : "") << std::flush;
-    } else {
-      std::cout << jsonFromValue(result) << std::endl;
-    }
+    printValue((*session)->client->call(arguments[1], std::move(values)), xml);
   } catch (const NamedException& e) {
     std::cerr << "ambrant: " << e.name() << ": " << e.what() << std::endl;
     status = e.name() == kInvalidSendPortException ? kUnreachable : kAgentError;
@@ -149,6 +154,35 @@ int call(std::vector<std::string> arguments) {
     std::this_thread::sleep_for(std::chrono::milliseconds(static_cast<long>(linger * 1000)));
   }
   return status;
+}
+
+// The full configuration the agent sends to a receiver of ours, as an admin sees it on first
+// connecting.
+int config(std::vector<std::string> arguments) {
+  bool xml = takeFlag(arguments, "--xml");
+  if (arguments.size() != 1) {
+    std::cerr << kUsage;
+    return kUnreachable;
+  }
+  auto session = openSession(arguments[0]);
+  if (!session) {
+    std::cerr << "ambrant: " << session.message() << std::endl;
+    return kUnreachable;
+  }
+  auto receiver = std::make_shared<ConfigurationReceiver>();
+  try {
+    (*session)->client->call("fetchInitialConfiguration:", {plist::ObjectRef(receiver)});
+  } catch (const NamedException& e) {
+    std::cerr << "ambrant: " << e.name() << ": " << e.what() << std::endl;
+    return e.name() == kInvalidSendPortException ? kUnreachable : kAgentError;
+  }
+  auto configuration = receiver->waitForConfiguration(10s);
+  if (!configuration) {
+    std::cerr << "ambrant: the agent sent no configuration" << std::endl;
+    return kAgentError;
+  }
+  printValue(*configuration, xml);
+  return kOk;
 }
 
 int watch(const std::vector<std::string>& arguments) {
@@ -221,6 +255,9 @@ int ambrantMain(const std::vector<std::string>& arguments) {
   try {
     if (command == "call") {
       return call(rest);
+    }
+    if (command == "config") {
+      return config(rest);
     }
     if (command == "watch") {
       return watch(rest);

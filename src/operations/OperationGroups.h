@@ -9,5 +9,6 @@ void addControllerOperations(OperationTable& table);
 void addErrorChannelOperations(OperationTable& table);
 void addCredentialOperations(OperationTable& table);
 void addTaskOperations(OperationTable& table);
+void addConfigurationOperations(OperationTable& table);
 
 } // namespace kestrin::operations

@@ -30,6 +30,7 @@ const OperationTable& OperationTable::agentOperations() {
     addErrorChannelOperations(built);
     addCredentialOperations(built);
     addTaskOperations(built);
+    addConfigurationOperations(built);
     return built;
   }();
   return table;
