@@ -3,7 +3,6 @@
 
 #include <fstream>
 
-#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
@@ -20,6 +19,7 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using plist::Value;
 using testing::RecordingObject;
+using testing::runAmbrant;
 using testing::RunningAgent;
 
 // A bundle of the maker's with its update-group file, found by the start-up scan.
@@ -48,18 +48,6 @@ void leaveKilledRun(const fs::path& root, const fs::path& home) {
     std::ofstream(logs / "DiagnosticReports/Kestrin_2026-11-23-120000_studio.crash")
         << "Thread 0 crashed";
   }
-}
-
-std::pair<int, std::string> runAmbrant(const std::string& arguments) {
-  std::string command = std::string(KESTRIN_AMBRANT_PATH) + " " + arguments + " 2>/dev/null";
-  FILE* pipe = ::popen(command.c_str(), "r");
-  std::string out;
-  char buffer[4096];
-  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) {
-    out.append(buffer, n);
-  }
-  int status = ::pclose(pipe);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
 }
 
 class Configuration : public ::testing::Test {

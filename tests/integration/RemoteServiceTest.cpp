@@ -24,20 +24,8 @@ using namespace std::chrono_literals;
 using plist::Value;
 using testing::eventually;
 using testing::RecordingObject;
+using testing::runAmbrant;
 using testing::RunningAgent;
-
-// Runs ambrant and answers its exit status and standard output.
-std::pair<int, std::string> ambrant(const std::string& arguments) {
-  std::string command = std::string(KESTRIN_AMBRANT_PATH) + " " + arguments + " 2>/dev/null";
-  FILE* pipe = ::popen(command.c_str(), "r");
-  std::string out;
-  char buffer[4096];
-  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) {
-    out.append(buffer, n);
-  }
-  int status = ::pclose(pipe);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
-}
 
 class RemoteService : public ::testing::Test {
 protected:
@@ -64,13 +52,13 @@ protected:
 
 TEST_F(RemoteService, AmbrantCallsOperationsAndReportsErrorsByExitStatus) {
   std::string where = "127.0.0.1:" + std::to_string(port);
-  EXPECT_EQ(ambrant("call " + where + " ping"), std::make_pair(0, std::string("null\n")));
-  EXPECT_EQ(ambrant("call " + where + " clientVersion"),
+  EXPECT_EQ(runAmbrant("call " + where + " ping"), std::make_pair(0, std::string("null\n")));
+  EXPECT_EQ(runAmbrant("call " + where + " clientVersion"),
             std::make_pair(0, std::string("\"" KESTRIN_BUNDLE_VERSION "\"\n")));
-  EXPECT_EQ(ambrant("call " + where + " noSuchOperation:").first, 1);
-  EXPECT_EQ(ambrant("call " + where + " setErrorCallback: 12").first, 1);
-  EXPECT_EQ(ambrant("call 127.0.0.1:1 ping").first, 2);
-  EXPECT_EQ(ambrant("call " + where + " ping '{'").first, 2);
+  EXPECT_EQ(runAmbrant("call " + where + " noSuchOperation:").first, 1);
+  EXPECT_EQ(runAmbrant("call " + where + " setErrorCallback: 12").first, 1);
+  EXPECT_EQ(runAmbrant("call 127.0.0.1:1 ping").first, 2);
+  EXPECT_EQ(runAmbrant("call " + where + " ping '{'").first, 2);
 }
 
 TEST_F(RemoteService, EveryRegisteredCallbackReceivesPostedErrorsOnce) {

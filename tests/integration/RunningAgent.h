@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -9,6 +10,7 @@
 #include <regex>
 #include <string>
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "fixtures/AgentProcess.h"
@@ -85,5 +87,21 @@ private:
   std::filesystem::path runtime_;
   std::unique_ptr<AgentProcess> process_;
 };
+
+#ifdef KESTRIN_AMBRANT_PATH
+// Runs ambrant with a command line's arguments; answers its exit status and standard output
+// (standard error, where events go, is dropped).
+inline std::pair<int, std::string> runAmbrant(const std::string& arguments) {
+  std::string command = std::string(KESTRIN_AMBRANT_PATH) + " " + arguments + " 2>/dev/null";
+  FILE* pipe = ::popen(command.c_str(), "r");
+  std::string out;
+  char buffer[4096];
+  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) {
+    out.append(buffer, n);
+  }
+  int status = ::pclose(pipe);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+}
+#endif
 
 } // namespace kestrin::testing
