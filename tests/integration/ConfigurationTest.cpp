@@ -3,7 +3,6 @@
 
 #include <fstream>
 
-
 #include <gtest/gtest.h>
 
 #include "RunningAgent.h"
