@@ -13,6 +13,7 @@
 #include "app/ServiceState.h"
 #include "foundation/QVLog.h"
 #include "transport/HostIdentity.h"
+#include "transport/ServiceAdvertisement.h"
 
 namespace kestrin {
 
@@ -98,7 +99,7 @@ void AppController::startVendingOnPort(int port) {
     QVLog::appendLog("Creating port...");
 
     plist::Value selected = objectForPreferenceDictionaryKey("selectedMACAddress");
-    std::optional<plist::Dictionary> interface = networkInterfaceWithMACAddress(
+    std::optional<plist::Dictionary> interface = transport::networkInterfaceWithMACAddress(
         selected.asString() ? std::optional<std::string>(*selected.asString()) : std::nullopt);
     s.listenBSDName.reset();
     const std::string* ip = nullptr;

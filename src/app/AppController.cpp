@@ -179,6 +179,7 @@ int AppController::listeningPortFromPreferences(const plist::Value& customPortSe
 
 void AppController::startService() {
   std::lock_guard lock(serviceMutex_);
+  forgetHostName(); // a restart may follow a change of the machine's name
   updateStatus("Starting up...");
   startThread([this] { loadSettings(); });
   killAllOtherInstances();
@@ -204,7 +205,7 @@ void AppController::stopService() {
   }
   stopVending();
   stopCallbackVending();
-  service_->advertiser.reset();
+  service_->advertisement.stop();
   if (!isRelaunching_) {
     updateStatus("Disconnected");
   }
@@ -259,7 +260,16 @@ bool AppController::sleepUnlessQuitting(double seconds) {
 }
 
 std::string AppController::hostName() const {
-  return transport::currentHostName();
+  std::lock_guard lock(hostNameMutex_);
+  if (!hostName_) {
+    hostName_ = transport::currentHostName();
+  }
+  return *hostName_;
+}
+
+void AppController::forgetHostName() {
+  std::lock_guard lock(hostNameMutex_);
+  hostName_.reset();
 }
 
 // ---- ending

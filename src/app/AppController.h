@@ -128,21 +128,6 @@ public:
   // ---- advertisement
   void publishService();
   void netServiceDidNotPublish(const plist::Dictionary& error);
-  std::optional<plist::Dictionary>
-  networkInterfaceWithMACAddress(const std::optional<std::string>& macAddress) const;
-  // The lookup over a network profile (nullopt: the profile could not be read), logging why
-  // a profile is unusable.
-  static std::optional<plist::Dictionary>
-  interfaceFromProfile(const std::optional<plist::Value>& profile, const std::string& macAddress);
-  // The listening port when it lies in 1025..65535, otherwise the agent's well-known 35011.
-  static int advertisedPort(int listenPortNumber);
-  // "model", "ip", "name", each only when known, in that order.
-  static plist::Dictionary txtDictionary(const std::optional<std::string>& model,
-                                         const std::optional<std::string>& ip,
-                                         const std::optional<std::string>& name);
-  // The TXT record built by hand for an interface-bound registration: each "key=value" entry
-  // preceded by a byte holding its length; a single NUL byte when there is no entry.
-  static std::string txtRecord(const plist::Dictionary& txt);
 
   // ---- the machine-local callback endpoint
   static constexpr const char* kCallbackName = "QVKestrinCallback";
@@ -161,8 +146,10 @@ public:
   // Schedules one restart of the whole service after the interval; does nothing while one is
   // pending.
   void reconnectWithTimeInterval(double seconds);
-  // The agent's name for itself ("name.local."), the first argument of most events.
+  // The agent's name for itself ("name.local."), the first argument of most events. Resolved
+  // once per start of the service: a renamed machine is seen after the next restart.
   std::string hostName() const;
+  void forgetHostName();
   bool isConnected() const { return isConnected_; }
 
   // ---- the maker's applications found at start-up
@@ -212,6 +199,9 @@ private:
   plist::Value availableUpdateCount_;
   plist::Value availableUpdateCountLastUpdate_;
   plist::Value iconDict_;
+
+  mutable std::mutex hostNameMutex_;
+  mutable std::optional<std::string> hostName_; // under hostNameMutex_
 
   mutable std::recursive_mutex serviceMutex_; // startService / stopService
 

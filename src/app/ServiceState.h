@@ -11,9 +11,9 @@
 
 #include "app/AppController.h"
 #include "app/QVErrorCallbackObj.h"
-#include "platform/ServiceAdvertiser.h"
 #include "transport/NameRegistry.h"
 #include "transport/RpcServer.h"
+#include "transport/ServiceAdvertisement.h"
 
 namespace kestrin {
 
@@ -29,22 +29,20 @@ private:
   AppController& controller_;
 };
 
-// Hands the advertiser's news to the controller.
-class AdvertiserListener : public platform::ServiceAdvertiser::Listener {
+// Hands a failed publication to the controller.
+class AdvertisementDelegate : public transport::ServiceAdvertisement::Delegate {
 public:
-  explicit AdvertiserListener(AppController& controller) : controller_(controller) {}
-  void didNotPublish(const plist::Dictionary& error) override;
-  void daemonUnavailable(const std::string& reason) override;
+  explicit AdvertisementDelegate(AppController& controller) : controller_(controller) {}
+  void netServiceDidNotPublish(const plist::Dictionary& error) override;
 
 private:
   AppController& controller_;
-  std::atomic<bool> reported_{false};
 };
 
 struct AppController::ServiceState {
   explicit ServiceState(AppController& controller)
       : registry(transport::NameRegistry::defaultDirectory()), endpointDelegate(controller),
-        advertiserListener(controller) {}
+        advertisementDelegate(controller), advertisement(advertisementDelegate) {}
 
   transport::NameRegistry registry;
 
@@ -59,8 +57,9 @@ struct AppController::ServiceState {
   std::atomic<int> listenPortNumber{0};
 
   // ---- advertisement
-  AdvertiserListener advertiserListener;
-  std::unique_ptr<platform::ServiceAdvertiser> advertiser;
+  AdvertisementDelegate advertisementDelegate;
+  // Kept across restarts of the service, with its connection to the responder.
+  transport::ServiceAdvertisement advertisement;
 
   // ---- callback endpoint
   std::shared_ptr<QVErrorCallbackObj> errCallbackObj;

@@ -30,59 +30,6 @@ TEST(ListeningPort, OnlyAnEnabledCustomPortInsideTheRangeIsUsed) {
   EXPECT_EQ(port(Value(true), Value("4000")), 4000); // hand-edited settings still count
 }
 
-TEST(Advertisement, PortRuleAndHandBuiltTxtRecord) {
-  EXPECT_EQ(AppController::advertisedPort(0), 35011);
-  EXPECT_EQ(AppController::advertisedPort(80), 35011);
-  EXPECT_EQ(AppController::advertisedPort(1024), 35011);
-  EXPECT_EQ(AppController::advertisedPort(1025), 1025);
-  EXPECT_EQ(AppController::advertisedPort(65535), 65535);
-
-  plist::Dictionary txt =
-      AppController::txtDictionary("Workstation", std::nullopt, "Kestrin - edit-3.local.");
-  EXPECT_EQ(txt.keys(), (std::vector<std::string>{"model", "name"}));
-  EXPECT_EQ(AppController::txtRecord(txt),
-            std::string("\x11model=Workstation") + "\x1cname=Kestrin - edit-3.local.");
-  EXPECT_EQ(AppController::txtRecord({}), std::string(1, '\0'));
-  EXPECT_EQ(AppController::txtRecord({{"n", 7}, {"skip", plist::Array{}}}), "\x03n=7");
-}
-
-TEST(Advertisement, InterfaceLookupFollowsTheProfileAndSkipsInterfacesWithoutIPv4) {
-  ThrowawayMachine machine;
-  auto item = [](const char* mac, plist::Array addresses) {
-    return Value(plist::Dictionary{{"_name", "Ethernet"},
-                                   {"interface", "en0"},
-                                   {"Ethernet", plist::Dictionary{{"MAC Address", mac}}},
-                                   {"ip_address", addresses}});
-  };
-  auto profile = [](plist::Array items) {
-    return std::optional<Value>(
-        plist::Array{plist::Dictionary{{"_dataType", "SPNetworkDataType"}, {"_items", items}}});
-  };
-  auto found = AppController::interfaceFromProfile(
-      profile({item("00:11:22:33:44:55", {"fe80::1"}),
-               item("00:11:22:33:44:55", {"fe80::2", "10.0.0.7"})}),
-      "00:11:22:33:44:55");
-  ASSERT_TRUE(found);
-  EXPECT_EQ(*found->find("ip4Address"), Value("10.0.0.7"));
-  EXPECT_EQ(*found->find("name"), Value("Ethernet - en0"));
-  EXPECT_EQ(*found->find("bsdName"), Value("en0"));
-  // The MAC comparison is exact, case included.
-  EXPECT_FALSE(AppController::interfaceFromProfile(
-      profile({item("00:11:22:33:44:55", {"10.0.0.7"})}), "00:11:22:33:44:AA"));
-
-  EXPECT_FALSE(AppController::interfaceFromProfile(std::nullopt, "x"));
-  EXPECT_FALSE(AppController::interfaceFromProfile(Value("text"), "x"));
-  EXPECT_FALSE(AppController::interfaceFromProfile(Value(plist::Array{}), "x"));
-  EXPECT_FALSE(AppController::interfaceFromProfile(
-      Value(plist::Array{plist::Dictionary{{"_dataType", "SPUSBDataType"}}}), "x"));
-  std::string log = machine.logText();
-  for (const char* text :
-       {"Unable to get system profile data", "Error 1 - Invalid system profile data",
-        "Error 3 - Invalid system profile data", "Invalid system profile data format"}) {
-    EXPECT_NE(log.find(text), std::string::npos) << text;
-  }
-}
-
 TEST(RegisteredName, NamesOf64CharactersOrMoreAreCutTo63) {
   EXPECT_EQ(AppController::registeredName(std::string(63, 'a')), std::string(63, 'a'));
   EXPECT_EQ(AppController::registeredName(std::string(70, 'a')), std::string(63, 'a'));
