@@ -11,37 +11,22 @@
 
 #include <benchmark/benchmark.h>
 
+#include "ScratchDir.h"
+
 namespace {
 
 using kestrin::QVLog;
 namespace fs = std::filesystem;
 
-// A throwaway log folder under the system's temporary directory, removed afterwards.
-class Scratch {
-public:
-  Scratch() {
-    std::string pattern = (fs::temp_directory_path() / "kestrin-bench-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-      throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = pattern;
-  }
-  ~Scratch() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  QVLog::Config config() const {
-    QVLog::Config c;
-    c.userLogDirectory = (path_ / "Logs").string();
-    c.rootLogDirectory = (path_ / "RootLogs").string();
-    c.globalPrefsPath = (path_ / "com.quorvane.global.plist").string();
-    c.defaultAppName = "Bench";
-    return c;
-  }
-
-private:
-  fs::path path_;
-};
+// Log settings that write into a throwaway folder.
+QVLog::Config configIn(const kestrin::bench::ScratchDir& scratch) {
+  QVLog::Config c;
+  c.userLogDirectory = (scratch.path() / "Logs").string();
+  c.rootLogDirectory = (scratch.path() / "RootLogs").string();
+  c.globalPrefsPath = (scratch.path() / "com.quorvane.global.plist").string();
+  c.defaultAppName = "Bench";
+  return c;
+}
 
 // A typical progress line of the agent, about 60 characters.
 std::string lineText(int thread, int i) {
@@ -52,8 +37,8 @@ std::string lineText(int thread, int i) {
 constexpr int kLinesPerRound = 8000;
 
 void BM_LogLinesFromMainThread(benchmark::State& state) {
-  Scratch scratch;
-  auto config = scratch.config();
+  kestrin::bench::ScratchDir scratch;
+  auto config = configIn(scratch);
   config.mainThread = std::this_thread::get_id();
   QVLog log(config);
   log.newLog("Bench");
@@ -69,8 +54,8 @@ BENCHMARK(BM_LogLinesFromMainThread)->Unit(benchmark::kMillisecond)->UseRealTime
 
 void BM_LogLinesFrom4WorkerThreads(benchmark::State& state) {
   constexpr int kThreads = 4;
-  Scratch scratch;
-  QVLog log(scratch.config()); // the benchmark's own thread is the main thread here
+  kestrin::bench::ScratchDir scratch;
+  QVLog log(configIn(scratch)); // the benchmark's own thread is the main thread here
   log.newLog("Bench");
   for (auto _ : state) {
     std::vector<std::thread> workers;
@@ -91,8 +76,8 @@ void BM_LogLinesFrom4WorkerThreads(benchmark::State& state) {
 BENCHMARK(BM_LogLinesFrom4WorkerThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_ShortLogFromWorkerThreadLatency(benchmark::State& state) {
-  Scratch scratch;
-  auto config = scratch.config();
+  kestrin::bench::ScratchDir scratch;
+  auto config = configIn(scratch);
   config.mainThread = std::thread::id(); // no thread is the main thread: every call waits
   QVLog log(config);
   log.newLog("Bench");

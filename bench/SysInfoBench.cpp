@@ -13,6 +13,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "ScratchDir.h"
 #include "foundation/QVLocalPaths.h"
 #include "plist/PropertyList.h"
 
@@ -20,25 +21,6 @@ namespace {
 
 using namespace kestrin;
 namespace fs = std::filesystem;
-
-class Scratch {
-public:
-  Scratch() {
-    std::string pattern = (fs::temp_directory_path() / "kestrin-bench-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-      throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = pattern;
-  }
-  ~Scratch() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  const fs::path& path() const { return path_; }
-
-private:
-  fs::path path_;
-};
 
 void writeInfo(const fs::path& path, plist::Dictionary info) {
   fs::create_directories(path.parent_path());
@@ -67,7 +49,7 @@ private:
 
 // range(0) applications, with a quarter as many frameworks and half as many extensions.
 void BM_SystemProfile(benchmark::State& state) {
-  Scratch scratch;
+  bench::ScratchDir scratch;
   QVLocalPaths::Machine machine;
   machine.localRoot = (scratch.path() / "root").string();
   machine.home = (scratch.path() / "home").string();

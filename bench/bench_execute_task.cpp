@@ -20,6 +20,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "ScratchDir.h"
 #include "foundation/QVTaskEx.h"
 #include "plist/PropertyList.h"
 #include "transport/RpcClient.h"
@@ -45,8 +46,6 @@ public:
       int status = 0;
       ::waitpid(pid_, &status, 0);
     }
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
   }
 
   kestrin::transport::RpcClient* client() const { return client_.get(); }
@@ -54,12 +53,11 @@ public:
 
 private:
   BenchAgent() {
-    char pattern[] = "/tmp/kestrin-bench-XXXXXX";
-    dir_ = ::mkdtemp(pattern);
-    fs::path bundle = dir_ / "root/Applications/Quorvane/Tibbet.app";
+    const fs::path& dir = scratch_.path();
+    fs::path bundle = dir / "root/Applications/Quorvane/Tibbet.app";
     fs::create_directories(bundle / "Contents/MacOS");
     fs::create_directories(bundle / "Contents/Resources");
-    fs::create_directories(dir_ / "home");
+    fs::create_directories(dir / "home");
     (void)kestrin::plist::writeFile(
         bundle / "Contents/Info.plist",
         Value(kestrin::plist::Dictionary{{"CFBundleIdentifier", "com.quorvane.Tibbet"},
@@ -73,10 +71,10 @@ private:
     tool_ = (bundle / "Contents/MacOS/Tibbet").string();
     fs::copy_file("/bin/true", tool_);
 
-    fs::path output = dir_ / "agent.out";
-    std::string home = "HOME=" + (dir_ / "home").string();
-    std::string root = "KESTRIN_ROOT=" + (dir_ / "root").string();
-    std::string runtime = "XDG_RUNTIME_DIR=" + dir_.string();
+    fs::path output = dir / "agent.out";
+    std::string home = "HOME=" + (dir / "home").string();
+    std::string root = "KESTRIN_ROOT=" + (dir / "root").string();
+    std::string runtime = "XDG_RUNTIME_DIR=" + dir.string();
     std::string path = "PATH=/usr/bin:/bin";
     char* envp[] = {home.data(), root.data(), runtime.data(), path.data(), nullptr};
     std::string agent = KESTRIN_AGENT_PATH;
@@ -111,7 +109,7 @@ private:
     }
   }
 
-  fs::path dir_;
+  kestrin::bench::ScratchDir scratch_;
   std::string tool_;
   pid_t pid_ = -1;
   std::unique_ptr<kestrin::transport::RpcClient> client_;
