@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include "app/AppController.h"
+#include "foundation/ImageScaler.h"
 #include "foundation/QVAuthorization.h"
 #include "foundation/QVEncryption.h"
 #include "foundation/QVLocalPaths.h"
@@ -15,7 +16,6 @@
 #include "operations/OperationGroups.h"
 #include "operations/OperationTable.h"
 #include "platform/FileBytes.h"
-#include "platform/ImageScaling.h"
 #include "platform/Workspace.h"
 #include "plist/PropertyList.h"
 
@@ -223,8 +223,8 @@ std::optional<plist::Data> iconOf(const platform::Workspace& workspace,
     return std::nullopt;
   }
   auto bytes = platform::readFileBytes(*file, kIconFileLimit);
-  auto tiff =
-      bytes ? platform::scaleImageToTiff(*bytes, 48, 48) : Expected<plist::Data>(bytes.failure());
+  auto tiff = bytes ? ImageScaler::shared().scaleImageData(*bytes, 48, 48)
+                    : Expected<plist::Data>(bytes.failure());
   if (!tiff) {
     QVLog::appendLog("No icon for {}: {}", bundlePath, tiff.message());
     return std::nullopt;

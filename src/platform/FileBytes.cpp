@@ -4,6 +4,9 @@
 #include <cstring>
 #include <fstream>
 
+#include <stdlib.h>
+#include <unistd.h>
+
 namespace kestrin::platform {
 
 Expected<plist::Data> readFileBytes(const std::string& path, std::size_t limit) {
@@ -21,6 +24,30 @@ Expected<plist::Data> readFileBytes(const std::string& path, std::size_t limit) 
     return Failure{path + ": larger than " + std::to_string(limit) + " bytes"};
   }
   return bytes;
+}
+
+Expected<std::string> writeTemporaryFile(const std::string& folder, const plist::Data& bytes) {
+  std::string path = folder + "/kestrin-XXXXXX";
+  int fd = ::mkstemp(path.data()); // mode 0600
+  if (fd < 0) {
+    return Failure{folder + ": " + std::strerror(errno)};
+  }
+  std::size_t written = 0;
+  while (written < bytes.size()) {
+    ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n <= 0) {
+      std::string reason = std::strerror(errno);
+      ::close(fd);
+      ::unlink(path.c_str());
+      return Failure{path + ": " + reason};
+    }
+    written += static_cast<std::size_t>(n);
+  }
+  ::close(fd);
+  return path;
 }
 
 } // namespace kestrin::platform

@@ -28,6 +28,7 @@ constexpr std::array<ToolInfo, kToolCount> kTools{{
     {Tool::Umount, "umount", "/bin/umount"},
     {Tool::Killall, "killall", "/usr/bin/killall"},
     {Tool::Qmasterprefs, "qmasterprefs", "/usr/sbin/qmasterprefs"},
+    {Tool::Gm, "gm", "/usr/bin/gm"},
     {Tool::KestrinAuth, "kestrin_auth", ""}, // beside the running executable, see below
 }};
 

@@ -26,6 +26,7 @@ enum class Tool {
   Umount,       // detaching the agent's installer volumes (the platform's hdiutil detach)
   Killall,      // stopping processes by name (software update, force quit)
   Qmasterprefs, // the render-cluster preferences tool
+  Gm,           // GraphicsMagick: icons scaled to TIFF, out of the agent's process
   KestrinAuth,  // the setuid helper for administrator rights, beside the agent's executable
 };
 
