@@ -9,6 +9,7 @@
 #include "fixtures/RecordingObject.h"
 #include "foundation/QVTaskEx.h"
 #include "platform/FileBytes.h"
+#include "platform/ToolTable.h"
 #include "plist/PropertyList.h"
 #include "transport/RpcClient.h"
 
@@ -174,7 +175,8 @@ plist::Data pixelsOf(const Value& image) {
   if (!file) {
     return {};
   }
-  return QVTaskEx::dataFromTask("/usr/bin/gm", {"convert", *file, "-depth", "8", "RGBA:-"})
+  return QVTaskEx::dataFromTask(platform::ToolTable().path(platform::Tool::Gm),
+                                {"convert", *file, "-depth", "8", "RGBA:-"})
       .value_or(plist::Data{});
 }
 
