@@ -2,6 +2,8 @@
 // agent's user or with an administrator's rights, and listing them for the admin side.
 
 #include <filesystem>
+#include <map>
+#include <mutex>
 
 #include <fmt/format.h>
 
@@ -214,22 +216,54 @@ std::optional<plist::Array> tasksOf(const std::string& bundlePath, const plist::
   return converted;
 }
 
+// Converted icons by source file. Listing runs the converter once per icon file rather than
+// once per application and call: the generic icon alone serves most bundles.
+class IconCache {
+public:
+  std::optional<plist::Data> tiffOf(const std::string& file) {
+    std::error_code ec;
+    auto modified = fs::last_write_time(file, ec);
+    auto size = ec ? 0 : fs::file_size(file, ec);
+    if (ec) {
+      return std::nullopt;
+    }
+    {
+      std::lock_guard lock(mutex_);
+      auto found = entries_.find(file);
+      if (found != entries_.end() && found->second.modified == modified &&
+          found->second.size == size) {
+        return found->second.tiff;
+      }
+    }
+    constexpr std::size_t kIconFileLimit = 16 << 20;
+    auto bytes = platform::readFileBytes(file, kIconFileLimit);
+    auto tiff = bytes ? ImageScaler::shared().scaleImageData(*bytes, 48, 48)
+                      : Expected<plist::Data>(bytes.failure());
+    if (!tiff) {
+      QVLog::appendLog("No icon from {}: {}", file, tiff.message());
+      return std::nullopt;
+    }
+    std::lock_guard lock(mutex_);
+    entries_[file] = {modified, size, *tiff};
+    return std::move(*tiff);
+  }
+
+private:
+  struct Entry {
+    fs::file_time_type modified;
+    std::uintmax_t size = 0;
+    plist::Data tiff;
+  };
+  std::mutex mutex_;
+  std::map<std::string, Entry> entries_;
+};
+
 // The application's icon as the admin side lists it: TIFF data, 48 × 48.
 std::optional<plist::Data> iconOf(const platform::Workspace& workspace,
                                   const std::string& bundlePath) {
-  constexpr std::size_t kIconFileLimit = 16 << 20;
+  static IconCache cache;
   auto file = workspace.iconFileForBundle(bundlePath);
-  if (!file) {
-    return std::nullopt;
-  }
-  auto bytes = platform::readFileBytes(*file, kIconFileLimit);
-  auto tiff = bytes ? ImageScaler::shared().scaleImageData(*bytes, 48, 48)
-                    : Expected<plist::Data>(bytes.failure());
-  if (!tiff) {
-    QVLog::appendLog("No icon for {}: {}", bundlePath, tiff.message());
-    return std::nullopt;
-  }
-  return std::move(*tiff);
+  return file ? cache.tiffOf(*file) : std::nullopt;
 }
 
 Value qvAppTasks(AppController& controller, const Arguments&) {
