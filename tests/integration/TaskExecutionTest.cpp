@@ -194,6 +194,17 @@ TEST_F(TaskExecution, EveryListedApplicationCarriesATiffIconItsOwnOrTheGenericOn
   // The files carry the converter's scratch names; their pixels are what must match.
   EXPECT_NE(pixelsOf(icons["Tibbet"]), pixelsOf(icons["Orrick"]));
   EXPECT_EQ(pixelsOf(icons["Orrick"]), pixelsOf(icons["Hembry"]));
+
+  // A replaced icon file is converted afresh, not served from the agent's cache.
+  fs::copy_file(fs::path(KESTRIN_AGENT_PATH).parent_path() / "../Resources/largeServiceIcon.png",
+                quorvane() / "Tibbet.app/Contents/Resources/Tibbet.png",
+                fs::copy_options::overwrite_existing);
+  Value again = call("qvAppTasks", {});
+  for (const Value& entry : *again.asArray()) {
+    if (*entry.get("name")->asString() == "Tibbet") {
+      EXPECT_NE(pixelsOf(*entry.get("icon")), pixelsOf(icons["Tibbet"]));
+    }
+  }
 }
 
 TEST_F(TaskExecution, AHungTaskIsEndedAtItsTimeLimitAndItsStatusPosted) {
