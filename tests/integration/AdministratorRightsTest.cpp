@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "AuthTestSupport.h"
+#include "ThrowawayAccounts.h"
 #include "fixtures/AgentProcess.h"
 #include "fixtures/RecordingObject.h"
 #include "fixtures/TempDir.h"
@@ -60,16 +60,12 @@ void makeTool(const fs::path& applications, const fs::path& marker) {
                            fs::perms::group_read | fs::perms::others_read);
 }
 
-class AdministratorRights : public ::testing::Test {
+class AdministratorRights : public testing::ThrowawayAccounts {
 protected:
   static void SetUpTestSuite() {
-    if (::geteuid() != 0) {
-      return;
-    }
-    helper_ = std::make_unique<testing::InstalledCopy>(KESTRIN_AUTH_HELPER);
-    administrator_ = std::make_unique<testing::ThrowawayUser>(true);
+    ThrowawayAccounts::SetUpTestSuite();
     // The service that -setup installs; put in place only for this run when missing.
-    if (!fs::exists(kPamService)) {
+    if (::geteuid() == 0 && !fs::exists(kPamService)) {
       fs::copy_file(KESTRIN_SOURCE_DIR "/resources/pam.d/kestrin-auth", kPamService);
       installedPamService_ = true;
     }
@@ -79,18 +75,14 @@ protected:
       fs::remove(kPamService);
       installedPamService_ = false;
     }
-    administrator_.reset();
-    helper_.reset();
+    ThrowawayAccounts::TearDownTestSuite();
   }
 
   void SetUp() override {
-    if (::geteuid() != 0) {
-      GTEST_SKIP() << "needs root: creates users and installs a setuid-root helper";
+    ThrowawayAccounts::SetUp();
+    if (IsSkipped() || HasFatalFailure()) {
+      return;
     }
-    if (!helper_->unusableBecause().empty()) {
-      GTEST_SKIP() << helper_->unusableBecause();
-    }
-    ASSERT_TRUE(administrator_->ok()) << administrator_->error();
     // The user cannot reach the build tree: the agent's bundle is copied where it can.
     ASSERT_EQ(::chmod(bundleCopy.path().c_str(), 0755), 0);
     fs::path built = fs::path(KESTRIN_AGENT_PATH).parent_path().parent_path().parent_path();
@@ -176,13 +168,9 @@ protected:
   std::shared_ptr<RecordingObject> callback =
       std::make_shared<RecordingObject>(testing::errorCallbackSelectors());
 
-  static std::unique_ptr<testing::InstalledCopy> helper_;
-  static std::unique_ptr<testing::ThrowawayUser> administrator_;
   static bool installedPamService_;
 };
 
-std::unique_ptr<testing::InstalledCopy> AdministratorRights::helper_;
-std::unique_ptr<testing::ThrowawayUser> AdministratorRights::administrator_;
 bool AdministratorRights::installedPamService_ = false;
 
 TEST_F(AdministratorRights, TheRightPasswordRunsTheTaskAsRootAndAWrongOneGives1006) {

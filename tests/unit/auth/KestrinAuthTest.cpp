@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "AuthTestSupport.h"
+#include "ThrowawayAccounts.h"
 
 namespace kestrin::auth {
 namespace {
@@ -22,32 +22,8 @@ int statusOf(AuthStatus status) {
   return static_cast<int>(status);
 }
 
-class KestrinAuth : public ::testing::Test {
+class KestrinAuth : public testing::ThrowawayAccounts {
 protected:
-  static void SetUpTestSuite() {
-    if (::geteuid() != 0) {
-      return;
-    }
-    helper_ = std::make_unique<InstalledCopy>(KESTRIN_AUTH_HELPER);
-    administrator_ = std::make_unique<ThrowawayUser>(true);
-    ordinary_ = std::make_unique<ThrowawayUser>(false);
-  }
-  static void TearDownTestSuite() {
-    administrator_.reset();
-    ordinary_.reset();
-    helper_.reset();
-  }
-  void SetUp() override {
-    if (::geteuid() != 0) {
-      GTEST_SKIP() << "needs root: creates users and installs a setuid-root helper";
-    }
-    if (!helper_->unusableBecause().empty()) {
-      GTEST_SKIP() << helper_->unusableBecause();
-    }
-    ASSERT_TRUE(administrator_->ok()) << administrator_->error();
-    ASSERT_TRUE(ordinary_->ok()) << ordinary_->error();
-  }
-
   // Runs the installed helper as `user` with that user's own credentials unless told otherwise.
   static RunResult run(const ThrowawayUser& user, std::vector<std::string> arguments,
                        std::optional<std::string> input = std::nullopt) {
@@ -55,15 +31,7 @@ protected:
     return runProgram(arguments, input.value_or(credentialFrame(user.name(), user.password())),
                       user.identity());
   }
-
-  static std::unique_ptr<InstalledCopy> helper_;
-  static std::unique_ptr<ThrowawayUser> administrator_;
-  static std::unique_ptr<ThrowawayUser> ordinary_;
 };
-
-std::unique_ptr<InstalledCopy> KestrinAuth::helper_;
-std::unique_ptr<ThrowawayUser> KestrinAuth::administrator_;
-std::unique_ptr<ThrowawayUser> KestrinAuth::ordinary_;
 
 TEST_F(KestrinAuth, AdministratorRunsTheProgramAsRootWithItsExitStatus) {
   auto ids = run(*administrator_, {"/bin/sh", "-c", "id -u; id -ru; id -g; id -rg; exit 7"});

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "AuthTestSupport.h"
+#include "ThrowawayAccounts.h"
 #include "fixtures/ThrowawayMachine.h"
 
 namespace kestrin {
@@ -94,15 +94,14 @@ TEST_F(QVAuthorizationTest, MissingToolsPathsAndAuthorisationAreFailures) {
 }
 
 // Through the setuid helper, with throwaway accounts (CI runs as root).
-class QVAuthorizationHelper : public ::testing::Test {
+class QVAuthorizationHelper : public testing::ThrowawayAccounts {
 protected:
   static void SetUpTestSuite() {
+    ThrowawayAccounts::SetUpTestSuite();
     if (::geteuid() != 0) {
       return;
     }
-    helper_ = std::make_unique<testing::InstalledCopy>(KESTRIN_AUTH_HELPER);
-    administrator_ = std::make_unique<testing::ThrowawayUser>(true);
-    ordinary_ = std::make_unique<testing::ThrowawayUser>(false);
+    // PAM reads the helper's service from a private folder, so /etc/pam.d stays untouched.
     confdir_ = std::make_unique<testing::TempDir>();
     fs::copy_file(KESTRIN_SOURCE_DIR "/resources/pam.d/kestrin-auth",
                   confdir_->path() / "kestrin-auth");
@@ -111,20 +110,8 @@ protected:
     }
   }
   static void TearDownTestSuite() {
-    administrator_.reset();
-    ordinary_.reset();
-    helper_.reset();
     confdir_.reset();
-  }
-  void SetUp() override {
-    if (::geteuid() != 0) {
-      GTEST_SKIP() << "needs root: creates users and installs a setuid-root helper";
-    }
-    if (!helper_->unusableBecause().empty()) {
-      GTEST_SKIP() << helper_->unusableBecause();
-    }
-    ASSERT_TRUE(administrator_->ok()) << administrator_->error();
-    ASSERT_TRUE(ordinary_->ok()) << ordinary_->error();
+    ThrowawayAccounts::TearDownTestSuite();
   }
   // The agent as a non-root user would use it: everything goes through the helper.
   std::unique_ptr<QVAuthorization> helperAuthorization() {
@@ -139,15 +126,9 @@ protected:
 
   ThrowawayMachine machine;
   std::unique_ptr<platform::ToolTable> tools_;
-  static std::unique_ptr<testing::InstalledCopy> helper_;
-  static std::unique_ptr<testing::ThrowawayUser> administrator_;
-  static std::unique_ptr<testing::ThrowawayUser> ordinary_;
   static std::unique_ptr<testing::TempDir> confdir_;
 };
 
-std::unique_ptr<testing::InstalledCopy> QVAuthorizationHelper::helper_;
-std::unique_ptr<testing::ThrowawayUser> QVAuthorizationHelper::administrator_;
-std::unique_ptr<testing::ThrowawayUser> QVAuthorizationHelper::ordinary_;
 std::unique_ptr<testing::TempDir> QVAuthorizationHelper::confdir_;
 
 TEST_F(QVAuthorizationHelper, AnAdministratorsMoveReallyMovesARootOwnedFile) {
