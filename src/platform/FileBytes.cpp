@@ -39,7 +39,8 @@ Expected<std::string> writeTemporaryFile(const std::string& folder, const plist:
       continue;
     }
     if (n <= 0) {
-      std::string reason = std::strerror(errno);
+      // A write of nothing sets no errno; say so rather than repeat an older error.
+      std::string reason = n < 0 ? std::strerror(errno) : "nothing was written";
       ::close(fd);
       ::unlink(path.c_str());
       return Failure{path + ": " + reason};
