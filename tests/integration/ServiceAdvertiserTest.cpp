@@ -187,21 +187,6 @@ TEST_F(ServiceAdvertiserTest, ASecondPublicationUnderTheSameNameIsRefused) {
   EXPECT_TRUE(first.errors().empty());
 }
 
-TEST_F(ServiceAdvertiserTest, PublishingWaitsForAnAbsentResponderAndGoesOutWhenItStarts) {
-  stopResponder();
-  RecordingListener listener;
-  auto advertiser = ServiceAdvertiser::create(listener);
-  advertiser->publish(registration("Kestrin waiting", 4104));
-  ASSERT_TRUE(eventually([&] { return listener.absences() == 1; }, 10s));
-  EXPECT_TRUE(listener.errors().empty());
-
-  startResponder();
-  ASSERT_TRUE(eventually([&] { return !listener.published().empty(); }, 20s));
-  EXPECT_TRUE(find("Kestrin waiting"));
-  EXPECT_EQ(listener.absences(), 1);
-  EXPECT_TRUE(listener.errors().empty());
-}
-
 TEST_F(ServiceAdvertiserTest, ARestartedResponderGetsTheRegistrationAgain) {
   RecordingListener listener;
   auto advertiser = ServiceAdvertiser::create(listener);

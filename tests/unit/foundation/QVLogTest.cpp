@@ -334,22 +334,7 @@ TEST_F(QVLogTest, WillTerminateWritesWhatIsQueuedAndDropsLaterLines) {
   EXPECT_FALSE(contains(messages, "after exit"));
 }
 
-TEST_F(QVLogTest, MachineGivesTheFoldersProgramNameAndMachineFacts) {
-  QVLocalPaths::Machine machine;
-  machine.localRoot = (home_ / "root").string();
-  machine.home = (home_ / "home").string();
-  machine.realUid = 1000;
-  auto c = QVLog::configFromPaths(QVLocalPaths(machine));
-  EXPECT_EQ(c.userLogDirectory, userDir().string());
-  EXPECT_EQ(c.rootLogDirectory, rootDir().string());
-  EXPECT_EQ(c.globalPrefsPath, prefs().string());
-  EXPECT_FALSE(c.runningAsRoot);
-  EXPECT_EQ(c.defaultAppName, "QVLogTest");
-  EXPECT_GE(c.cpuCount, 1);
-  EXPECT_GT(c.ramGigabytes, 0);
-}
-
-TEST_F(QVLogTest, HeaderFactsComeFromTheSystemInformationAndTheAgentsBundle) {
+TEST_F(QVLogTest, FoldersAndHeaderFactsComeFromThePathsTheSystemAndTheAgentsBundle) {
   QVLocalPaths::Machine machine;
   machine.localRoot = (home_ / "root").string();
   machine.home = (home_ / "home").string();
@@ -368,6 +353,10 @@ TEST_F(QVLogTest, HeaderFactsComeFromTheSystemInformationAndTheAgentsBundle) {
   facts.processorCount = 8;
   facts.physicalMemoryMegabytes = 3072;
   auto c = QVLog::configFromPaths(paths, QVSysInfo(paths, facts), executable);
+  EXPECT_EQ(c.userLogDirectory, userDir().string());
+  EXPECT_EQ(c.rootLogDirectory, rootDir().string());
+  EXPECT_EQ(c.globalPrefsPath, prefs().string());
+  EXPECT_FALSE(c.runningAsRoot);
   EXPECT_EQ(c.osVersion, "12.11.0");
   EXPECT_EQ(c.cpuCount, 8);
   EXPECT_DOUBLE_EQ(c.ramGigabytes, 3.0);
@@ -381,6 +370,7 @@ TEST_F(QVLogTest, HeaderFactsComeFromTheSystemInformationAndTheAgentsBundle) {
                                      (home_ / "bin/kestrin").string());
   ::testing::internal::GetCapturedStderr();
   EXPECT_EQ(bare.bundleVersion, std::nullopt);
+  EXPECT_EQ(bare.defaultAppName, "kestrin");
   EXPECT_EQ(bare.osVersion, "10.5.0");
   EXPECT_EQ(bare.cpuCount, 1);
   EXPECT_EQ(bare.ramGigabytes, 0);
