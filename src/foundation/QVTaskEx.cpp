@@ -12,6 +12,7 @@
 
 #include "foundation/QVException.h"
 #include "foundation/QVLog.h"
+#include "foundation/Timer.h"
 #include "platform/PipeReader.h"
 
 namespace kestrin {
@@ -131,17 +132,39 @@ std::optional<platform::Termination> runQuietly(const std::string& path,
 
 // ---- Slot
 
+namespace {
+
+void stopTimedOut(const QVTaskEx::Task& task) {
+  if (task && task->isRunning()) {
+    QVLog::appendLogAndPrint("Task {} timed out. Terminating...", task->launchPath());
+    task->terminate();
+  }
+}
+
+} // namespace
+
+Timer& QVTaskEx::defaultTimer() {
+  static Timer* timer = new Timer(platform::Clock::system()); // outlives every run
+  return *timer;
+}
+
 QVTaskEx::Task QVTaskEx::Slot::get() const {
   std::lock_guard lock(mutex_);
   return task_;
 }
 
 void QVTaskEx::Slot::set(Task task) {
+  bool late;
   {
     std::lock_guard lock(mutex_);
-    task_ = std::move(task);
+    task_ = task;
+    late = expired_ && !closed_;
   }
-  changed_.notify_all();
+  // The limit counts from the start of the run: a child launched after it passed (a limit
+  // below one second) is stopped at once rather than left unbounded.
+  if (late && task) {
+    stopTimedOut(task);
+  }
 }
 
 // ---- checks and decoding
@@ -202,8 +225,9 @@ QVTaskEx::Task QVTaskEx::runTaskAndReturn(const std::string& path, const Argumen
   return std::move(*child);
 }
 
-void QVTaskEx::runTask(const std::string& path, const Arguments& arguments, TimeLimit timeout) {
-  QVTaskEx().runTaskBounded(path, arguments, timeout);
+void QVTaskEx::runTask(const std::string& path, const Arguments& arguments, TimeLimit timeout,
+                       Timer& timer) {
+  QVTaskEx(timer).runTaskBounded(path, arguments, timeout);
 }
 
 int QVTaskEx::terminationCodeFromTask(const std::string& path, const Arguments& arguments,
@@ -240,8 +264,8 @@ QVTaskEx::capturedFromTaskWithInput(const std::string& path, const Arguments& ar
 }
 
 int QVTaskEx::terminationCodeFromTask(const std::string& path, const Arguments& arguments,
-                                      TimeLimit timeout) {
-  return QVTaskEx().terminationCodeFromTaskBounded(path, arguments, timeout);
+                                      TimeLimit timeout, Timer& timer) {
+  return QVTaskEx(timer).terminationCodeFromTaskBounded(path, arguments, timeout);
 }
 
 std::optional<plist::Data> QVTaskEx::dataFromTask(const std::string& path,
@@ -281,8 +305,9 @@ std::optional<plist::Data> QVTaskEx::dataFromTask(const std::string& path,
 }
 
 std::optional<plist::Data> QVTaskEx::dataFromTask(const std::string& path,
-                                                  const Arguments& arguments, TimeLimit timeout) {
-  return QVTaskEx().dataFromTaskBounded(path, arguments, timeout);
+                                                  const Arguments& arguments, TimeLimit timeout,
+                                                  Timer& timer) {
+  return QVTaskEx(timer).dataFromTaskBounded(path, arguments, timeout);
 }
 
 std::optional<std::string> QVTaskEx::stringFromTask(const std::string& path,
@@ -301,14 +326,16 @@ std::optional<std::string> QVTaskEx::stringFromTask(const std::string& path,
 }
 
 std::optional<std::string> QVTaskEx::stringFromTask(const std::string& path,
-                                                    const Arguments& arguments, TimeLimit timeout) {
-  return stringFromTask(path, arguments, StringEncoding::ASCII, timeout);
+                                                    const Arguments& arguments, TimeLimit timeout,
+                                                    Timer& timer) {
+  return stringFromTask(path, arguments, StringEncoding::ASCII, timeout, timer);
 }
 
 std::optional<std::string> QVTaskEx::stringFromTask(const std::string& path,
                                                     const Arguments& arguments,
-                                                    StringEncoding encoding, TimeLimit timeout) {
-  auto data = dataFromTask(path, arguments, timeout);
+                                                    StringEncoding encoding, TimeLimit timeout,
+                                                    Timer& timer) {
+  auto data = dataFromTask(path, arguments, timeout, timer);
   if (!data) {
     return std::string();
   }
@@ -322,60 +349,48 @@ QVTaskEx::~QVTaskEx() = default;
 template <typename Result, typename Run> Result QVTaskEx::bounded(TimeLimit limit, Run&& run) {
   // Whole seconds, truncated toward zero: 2.9 s acts after 2 s, 0.5 s at once. Negative and
   // NaN limits act at once; absurdly long ones are capped so the deadline cannot overflow.
-  constexpr double kLongestLimit = 1e9;
-  double whole = std::trunc(limit.count());
-  whole = std::isnan(whole) ? 0 : std::clamp(whole, 0.0, kLongestLimit);
-  auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::seconds(static_cast<long long>(whole));
+  double whole = std::isnan(limit.count()) ? 0 : std::trunc(limit.count());
   {
     std::lock_guard lock(theTask_.mutex_);
     theTask_.task_ = nullptr;
     theTask_.closed_ = false;
+    theTask_.expired_ = false;
   }
-  std::thread timer([this, deadline] { setupTimeout(deadline); });
+  Timer::Id deadline = timer_.runAfter(platform::Clock::seconds(whole), [this] { setupTimeout(); });
   struct Close {
     QVTaskEx& self;
-    std::thread& timer;
+    Timer::Id deadline;
     ~Close() {
       {
         std::lock_guard lock(self.theTask_.mutex_);
         self.theTask_.task_ = nullptr;
         self.theTask_.closed_ = true;
       }
-      self.theTask_.changed_.notify_all();
-      timer.join();
+      self.timer_.cancel(deadline); // waits for a time-out that is acting right now
     }
-  } close{*this, timer};
+  } close{*this, deadline};
   return run(&theTask_);
 }
 
-// Runs on a timer thread of its own. The platform's runner slept there and then performed the
+// Runs on the timer's thread when the limit passes. The platform's runner performed the
 // time-out on the main thread, so a bounded run made on the main thread could not be cut short
 // until that thread was free. Here the main thread runs the agent's event loop and must never
-// wait on a tool, so the time-out acts from the timer thread itself.
-//
-// The timer also waits for the launch when the deadline comes first (a limit below one second):
-// the limit counts from the start of the run, and a child launched a moment late is stopped
-// at once rather than left unbounded.
-void QVTaskEx::setupTimeout(std::chrono::steady_clock::time_point deadline) {
-  std::unique_lock lock(theTask_.mutex_);
-  if (theTask_.changed_.wait_until(lock, deadline, [&] { return theTask_.closed_; })) {
-    return;
+// wait on a tool, so the time-out acts from the timer itself: sending a signal is quick.
+void QVTaskEx::setupTimeout() {
+  Task task;
+  {
+    std::lock_guard lock(theTask_.mutex_);
+    if (theTask_.closed_) {
+      return;
+    }
+    theTask_.expired_ = true;
+    task = theTask_.task_;
   }
-  theTask_.changed_.wait(lock, [&] { return theTask_.closed_ || theTask_.task_ != nullptr; });
-  if (theTask_.closed_) {
-    return;
-  }
-  lock.unlock();
-  timeout();
+  stopTimedOut(task);
 }
 
 void QVTaskEx::timeout() {
-  Task task = theTask_.get();
-  if (task && task->isRunning()) {
-    QVLog::appendLogAndPrint("Task {} timed out. Terminating...", task->launchPath());
-    task->terminate();
-  }
+  stopTimedOut(theTask_.get());
 }
 
 void QVTaskEx::runTaskBounded(const std::string& path, const Arguments& arguments,

@@ -16,6 +16,10 @@
 #include "plist/Value.h"
 
 namespace kestrin {
+class Timer;
+}
+
+namespace kestrin {
 
 namespace platform {
 class PipeReader;
@@ -59,9 +63,9 @@ public:
   private:
     friend class QVTaskEx;
     mutable std::mutex mutex_;
-    std::condition_variable changed_;
     Task task_;
-    bool closed_ = false; // the bounded run that owns this slot is over
+    bool closed_ = false;  // the bounded run that owns this slot is over
+    bool expired_ = false; // its time limit has passed: a child published now is stopped at once
   };
 
   // Receives each chunk of an asynchronous run's standard output (never empty), then exactly
@@ -81,14 +85,15 @@ public:
   // Launches without waiting, outputs to the null device. The caller may drop the handle at
   // any time: the child is still reaped when it ends. Null when refused or not launched.
   static Task runTaskAndReturn(const std::string& path, const Arguments& arguments = {});
-  static void runTask(const std::string& path, const Arguments& arguments, TimeLimit timeout);
+  static void runTask(const std::string& path, const Arguments& arguments, TimeLimit timeout,
+                      Timer& timer = defaultTimer());
 
   // The exit status, the signal number when a signal ended the child, or -1 when the path is
   // refused or the launch failed.
   static int terminationCodeFromTask(const std::string& path, const Arguments& arguments = {},
                                      Slot* task = nullptr);
   static int terminationCodeFromTask(const std::string& path, const Arguments& arguments,
-                                     TimeLimit timeout);
+                                     TimeLimit timeout, Timer& timer = defaultTimer());
   // The same with bytes waiting on the child's standard input (at most 64 KiB): how secrets
   // reach a helper without appearing in its arguments or environment.
   static int terminationCodeFromTaskWithInput(const std::string& path, const Arguments& arguments,
@@ -113,7 +118,8 @@ public:
   dataFromTask(const std::string& path, const Arguments& arguments = {}, Slot* task = nullptr,
                const std::optional<Environment>& environment = std::nullopt, bool logOutput = true);
   static std::optional<plist::Data> dataFromTask(const std::string& path,
-                                                 const Arguments& arguments, TimeLimit timeout);
+                                                 const Arguments& arguments, TimeLimit timeout,
+                                                 Timer& timer = defaultTimer());
 
   // The capturing run's bytes decoded: "" when the capturing run answered null, std::nullopt
   // when the bytes do not decode in the encoding.
@@ -123,10 +129,12 @@ public:
                                                    const Arguments& arguments,
                                                    StringEncoding encoding, Slot* task = nullptr);
   static std::optional<std::string> stringFromTask(const std::string& path,
-                                                   const Arguments& arguments, TimeLimit timeout);
+                                                   const Arguments& arguments, TimeLimit timeout,
+                                                   Timer& timer = defaultTimer());
   static std::optional<std::string> stringFromTask(const std::string& path,
                                                    const Arguments& arguments,
-                                                   StringEncoding encoding, TimeLimit timeout);
+                                                   StringEncoding encoding, TimeLimit timeout,
+                                                   Timer& timer = defaultTimer());
 
   // Bytes as text in UTF-8, or std::nullopt when they are not valid in the encoding.
   static std::optional<std::string> decode(const plist::Data& bytes, StringEncoding encoding);
@@ -134,17 +142,24 @@ public:
   // An executable file that is not a bundle directory.
   static bool isRunnable(const std::string& path);
 
+  // The time limits of runs that name no timer: the machine's own clock, one thread for the
+  // whole process. The agent's operations pass the timer of their services instead, so that
+  // tests can move their time.
+  static Timer& defaultTimer();
+
   // ---- instance interface
 
-  QVTaskEx() = default;
+  QVTaskEx() : QVTaskEx(defaultTimer()) {}
+  explicit QVTaskEx(Timer& timer) : timer_(timer) {}
   ~QVTaskEx();
   QVTaskEx(const QVTaskEx&) = delete;
   QVTaskEx& operator=(const QVTaskEx&) = delete;
 
-  // The bounded runs. The limit is cut to whole seconds toward zero: 2.9 s acts after 2 s, and
-  // a limit below one second acts at once. When it is reached while the child still runs,
-  // "Task <path> timed out. Terminating..." is logged and printed and the child receives
-  // SIGTERM; the run then answers what it had. One bounded run at a time per instance.
+  // The bounded runs, timed on this object's timer. The limit is cut to whole seconds toward
+  // zero: 2.9 s acts after 2 s, and a limit below one second acts at once. When it is reached while
+  // the child still runs, "Task <path> timed out. Terminating..." is logged and printed and the
+  // child receives SIGTERM; the run then answers what it had. One bounded run at a time per
+  // instance.
   void runTaskBounded(const std::string& path, const Arguments& arguments, TimeLimit timeout);
   std::optional<plist::Data> dataFromTaskBounded(const std::string& path,
                                                  const Arguments& arguments, TimeLimit timeout);
@@ -177,9 +192,10 @@ public:
 
 private:
   template <typename Result, typename Run> Result bounded(TimeLimit limit, Run&& run);
-  void setupTimeout(std::chrono::steady_clock::time_point deadline);
+  void setupTimeout();
   void launchAsyncTask();
 
+  Timer& timer_;
   Slot theTask_;
 
   std::mutex asyncMutex_; // taken before theTask_'s own lock, never after
