@@ -12,9 +12,10 @@
 #include <benchmark/benchmark.h>
 #include <capnp/ez-rpc.h>
 
-#include "app/ErrorChannel.h"
-#include "app/ExceptionGuard.h"
-#include "app/MainLoop.h"
+#include "foundation/Timer.h"
+#include "operations/ErrorChannel.h"
+#include "operations/ExceptionGuard.h"
+#include "foundation/WorkerPool.h"
 #include "transport/RpcClient.h"
 #include "transport/RpcServer.h"
 #include "transport/remote.capnp.h"
@@ -101,8 +102,9 @@ void report(benchmark::State& state, std::vector<double>& latencies, std::int64_
 void BM_PingAgentTransport(benchmark::State& state) {
   int clients = static_cast<int>(state.range(0));
   int port = 0;
-  auto server =
-      transport::RpcServer::start(loopbackListener(port), std::make_shared<PingRoot>(), nullptr);
+  WorkerPool workers;
+  auto server = transport::RpcServer::start(loopbackListener(port), std::make_shared<PingRoot>(),
+                                            nullptr, workers);
   std::vector<std::unique_ptr<transport::RpcClient>> connections;
   for (int i = 0; i < clients; ++i) {
     connections.push_back(
@@ -169,9 +171,11 @@ void BM_PingBareCapnp(benchmark::State& state) {
 
 // One event sent to 10 admins' callbacks, each behind its own connection.
 void BM_EventToTenCallbacks(benchmark::State& state) {
-  MainLoop loop;
+  Timer timer(platform::Clock::system());
+  WorkerPool channelWorkers;
   ExceptionGuard guard([] { return false; }, [](double) {});
-  ErrorChannel channel({loop, guard, [] { return std::string("bench.local."); }});
+  operations::ErrorChannel channel(
+      {timer, channelWorkers, guard, [] { return std::string("bench.local."); }});
 
   int port = 0;
   struct Keeper : plist::RemoteObject {
@@ -186,7 +190,8 @@ void BM_EventToTenCallbacks(benchmark::State& state) {
     std::vector<plist::ObjectRef> kept;
   };
   auto keeper = std::make_shared<Keeper>();
-  auto server = transport::RpcServer::start(loopbackListener(port), keeper, nullptr);
+  WorkerPool workers;
+  auto server = transport::RpcServer::start(loopbackListener(port), keeper, nullptr, workers);
   std::vector<std::unique_ptr<transport::RpcClient>> admins;
   for (int i = 0; i < 10; ++i) {
     admins.push_back(

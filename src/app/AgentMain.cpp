@@ -11,6 +11,7 @@
 #include "foundation/QVAuthorization.h"
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
+#include "platform/Clock.h"
 #include "platform/ToolTable.h"
 #include "platform/Workspace.h"
 
@@ -47,8 +48,10 @@ Installer installer() {
 
 int runAgent() {
   MainLoop mainLoop; // first: captures the stop signals before any thread exists
-  AppController controller(
-      {QVLocalPaths::shared(), mainLoop, bundlePath(QVLocalPaths::shared(), workspace())});
+  AppController controller({QVLocalPaths::shared(), mainLoop,
+                            bundlePath(QVLocalPaths::shared(), workspace()),
+                            platform::Clock::system(), platform::ToolTable::shared(),
+                            QVAuthorization::sharedController(false)});
   if (!controller.init()) {
     return 0;
   }

@@ -3,25 +3,23 @@
 #include <filesystem>
 #include <iostream>
 
-#include <climits>
-
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include "app/ControllerObject.h"
+#include "app/CallbackEndpoint.h"
 #include "app/MainLoop.h"
-#include "app/ServiceState.h"
-#include "foundation/QVAuthorization.h"
-#include "foundation/QVBugReporter.h"
+#include "app/StatusItem.h"
 #include "foundation/QVException.h"
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
+#include "foundation/QVSysInfo.h"
 #include "foundation/QVTaskEx.h"
-#include "operations/MakerApplications.h"
-#include "operations/OperationTable.h"
-#include "platform/ToolTable.h"
+#include "operations/AgentOperations.h"
+#include "operations/ControllerObject.h"
+#include "operations/Services.h"
 #include "plist/PropertyList.h"
 #include "transport/HostIdentity.h"
+#include "transport/ServiceAdvertisement.h"
 
 namespace kestrin {
 
@@ -37,68 +35,84 @@ std::string preferencePath(const QVLocalPaths& paths) {
 
 } // namespace
 
+// Hands a failed publication to the controller.
+class AppController::AdvertisementDelegate : public transport::ServiceAdvertisement::Delegate {
+public:
+  explicit AdvertisementDelegate(AppController& controller) : controller_(controller) {}
+  void netServiceDidNotPublish(const plist::Dictionary& error) override {
+    controller_.netServiceDidNotPublish(error);
+  }
+
+private:
+  AppController& controller_;
+};
+
 AppController::AppController(Environment environment)
-    : environment_(std::move(environment)), preferences_(preferencePath(environment_.paths)),
-      exceptionGuard_([this] { return isQuitting(); },
-                      [this](double seconds) { reconnectWithTimeInterval(seconds); }),
-      errorChannel_({environment_.mainLoop, exceptionGuard_, [this] { return hostName(); }}),
-      rootObject_(
-          std::make_shared<ControllerObject>(*this, operations::OperationTable::agentOperations())),
-      service_(std::make_unique<ServiceState>(*this)) {}
+    : environment_(std::move(environment)), timer_(environment_.clock),
+      preferences_(preferencePath(environment_.paths)), bundle_(environment_.bundlePath),
+      workspace_(platform::Workspace::forMachine(environment_.paths.machine().localRoot,
+                                                 environment_.paths.machine().home)),
+      guard_([this] { return isQuitting(); },
+             [this](double seconds) { reconnectWithTimeInterval(seconds); }),
+      errorChannel_({timer_, workers_, guard_, [this] { return hostName(); },
+                     [this] { return environment_.mainLoop.isMainThread(); }}),
+      callbackRelay_(notifications_, workers_, guard_),
+      applications_(environment_.paths, environment_.clock), icons_(bundle_),
+      registry_(transport::NameRegistry::defaultDirectory()) {
+  operations::Services services{environment_.paths,
+                                environment_.tools,
+                                timer_,
+                                workers_,
+                                guard_,
+                                errorChannel_,
+                                environment_.authorization,
+                                workspace_,
+                                applications_,
+                                preferences_,
+                                bundle_,
+                                icons_,
+                                notifications_,
+                                callbackRelay_,
+                                *this};
+  operations_ = std::make_unique<operations::AgentOperations>(services);
+  rootObject_ = std::make_shared<operations::ControllerObject>(operations_->table(), guard_);
+  statusItem_ = std::make_unique<StatusItem>(
+      StatusItem::Environment{environment_.mainLoop, notifications_, preferences_, errorChannel_,
+                              [this] { return hostName(); }, [this] { return isQuitting(); }});
+  endpoint_ = std::make_unique<ListeningEndpoint>(
+      ListeningEndpoint::Environment{preferences_, workers_, guard_, registry_, *this},
+      rootObject_);
+  callbackEndpoint_ = std::make_unique<CallbackEndpoint>(
+      CallbackEndpoint::Environment{environment_.mainLoop, timer_, workers_, guard_, registry_,
+                                    [this] { return isQuitting(); }},
+      rootObject_);
+  advertisementDelegate_ = std::make_unique<AdvertisementDelegate>(*this);
+  advertisement_ = std::make_unique<transport::ServiceAdvertisement>(*advertisementDelegate_);
+}
 
 AppController::~AppController() {
   observations_.clear();
-  {
-    std::lock_guard lock(relayMutex_);
-    relays_.clear();
-  }
-  notificationCenter_.reset(); // no handler runs from here on
-  {
-    std::lock_guard lock(quitMutex_);
-    isQuitting_ = true;
-  }
-  quitCondition_.notify_all();
-  std::vector<std::thread> threads;
-  {
-    std::lock_guard lock(threadsMutex_);
-    threads.swap(threads_);
-  }
-  for (std::thread& t : threads) {
-    if (t.joinable()) {
-      t.join();
-    }
-  }
-  {
-    std::lock_guard lock(serviceMutex_);
-    service_.reset(); // stops both endpoints before the rest of the controller goes
-  }
+  setQuitting();
+  // No deadline fires and no worker runs from here on; then nothing else can start the
+  // service or reach the parts that go away below.
+  timer_.stop();
+  workers_.stop();
+  advertisement_.reset();
+  callbackEndpoint_.reset();
+  endpoint_.reset();
   if (initialized_) {
     // Reaching here is the orderly end; a killed agent never writes this stamp.
-    QVBugReporter::stopBugReporter(environment_.paths, platform::ToolTable::shared(),
-                                   preferences_.path(), stampWriter());
+    QVBugReporter::stopBugReporter(environment_.paths, environment_.tools, preferences_.path(),
+                                   stampWriter());
   }
 }
 
-void AppController::setQVApps(std::vector<std::string> paths) {
-  {
-    std::lock_guard lock(stateMutex_);
-    qvAppArray_ = std::move(paths);
-    qvAppsPopulated_ = true;
-  }
-  qvAppsChanged_.notify_all();
+const operations::OperationTable& AppController::operationTable() const {
+  return operations_->table();
 }
 
-void AppController::populateQVApps() {
-  exceptionGuard_.run("-[AppController populateQVApps]", [this] {
-    QVLog::appendLog("Getting Quorvane app list...");
-    setQVApps(operations::qvAppsInFolder(
-        environment_.paths, environment_.paths.applicationDirectory(false).value_or("")));
-  });
-}
-
-bool AppController::qvAppsPopulated() const {
-  std::lock_guard lock(stateMutex_);
-  return qvAppsPopulated_;
+plist::ObjectRef AppController::rootObject() const {
+  return rootObject_;
 }
 
 // The crash stamps share the settings file with every other writer, so they go through the
@@ -109,52 +123,33 @@ QVBugReporter::StampWriter AppController::stampWriter() {
   };
 }
 
-std::vector<std::string> AppController::qvApps(std::chrono::milliseconds wait) {
-  std::unique_lock lock(stateMutex_);
-  qvAppsChanged_.wait_for(lock, wait, [this] { return qvAppsPopulated_; });
-  return qvAppArray_;
-}
-
-std::optional<std::string> AppController::takeLastCrashLogPath() {
-  std::lock_guard lock(stateMutex_);
-  return std::exchange(lastCrashLogPath_, std::nullopt);
-}
-
-void AppController::startThread(std::function<void()> fn) {
-  std::lock_guard lock(threadsMutex_);
-  threads_.emplace_back(std::move(fn));
-}
-
 bool AppController::init() {
   // The new log opens first so that a crash found in the previous run is written into it:
   // before the first log of this process there is no file to take the line.
   QVLog::createNewLog(std::string(kApplicationName));
   QVBugReporter::startBugReporter(
-      environment_.paths, platform::ToolTable::shared(), std::string(kApplicationName),
-      preferences_.path(),
+      environment_.paths, environment_.tools, std::string(kApplicationName), preferences_.path(),
       [this](const std::string& crashLog) {
         std::lock_guard lock(stateMutex_);
         lastCrashLogPath_ = crashLog;
       },
       stampWriter());
   initialized_ = true;
-  connectNotificationCenter();
+  notifications_.connectSessionBus();
   updateStatus("Starting up...");
   disconnectAllOtherInstances();
-  QVLog::appendLog("Version {}.", clientVersion());
-  {
-    std::lock_guard lock(stateMutex_);
-    iconDict_ = plist::Value();
-  }
+  QVLog::appendLog("Version {}.", bundle_.clientVersion());
+  icons_.reset();
   startService();
-  QVAuthorization::sharedController(false);
-  startThread([this] { populateQVApps(); });
+  workers_.submit([this] {
+    guard_.run("-[AppController populateQVApps]", [this] { applications_.populateQVApps(); });
+  });
   observeNotifications();
 
   // The bundle's own "lastRunVersion" is compared while the preference file receives the
   // value, so the check below runs at every start. The asymmetry is deliberate.
-  std::string version = clientVersion();
-  const plist::Value lastRunVersion = objectForInfoDictionaryKey("lastRunVersion");
+  std::string version = bundle_.clientVersion();
+  const plist::Value lastRunVersion = bundle_.objectForInfoDictionaryKey("lastRunVersion");
   const std::string* last = lastRunVersion.asString();
   if (last == nullptr || *last != version) {
     setObjectForPreferenceDictionaryKey(version, "lastRunVersion");
@@ -181,7 +176,7 @@ void AppController::startService() {
   std::lock_guard lock(serviceMutex_);
   forgetHostName(); // a restart may follow a change of the machine's name
   updateStatus("Starting up...");
-  startThread([this] { loadSettings(); });
+  workers_.submit([this] { loadSettings(); });
   killAllOtherInstances();
 
   int port = listeningPortFromPreferences(objectForPreferenceDictionaryKey("customPortSet"),
@@ -190,11 +185,11 @@ void AppController::startService() {
     QVLog::appendLog("Custom port set to {}", port);
   }
   requestedPort_ = port;
-  startVendingOnPort(port);
+  endpoint_->startVendingOnPort(port);
   if (objectForPreferenceDictionaryKey("disableBonjour").integerValue() != 1) {
     publishService();
   }
-  startCallbackVending();
+  callbackEndpoint_->startCallbackVending();
 }
 
 void AppController::stopService() {
@@ -203,9 +198,9 @@ void AppController::stopService() {
   if (!isRelaunching_) {
     updateStatus("Disconnecting...");
   }
-  stopVending();
-  stopCallbackVending();
-  service_->advertisement.stop();
+  endpoint_->stopVending();
+  callbackEndpoint_->stopCallbackVending();
+  advertisement_->stop();
   if (!isRelaunching_) {
     updateStatus("Disconnected");
   }
@@ -215,12 +210,10 @@ void AppController::loadSettings() {
   QVLog::appendLog("Loading settings...");
   auto showIcon = objectForPreferenceDictionaryKey("showMenuBarIcon").integerValue();
   if (showIcon.value_or(0) != 0) {
-    if (iconDict().isNull()) {
-      setupIconDict();
+    if (icons_.iconDict().isNull()) {
+      icons_.setupIconDict();
     }
-    // There is no status bar to show an item in; the request still passes through the main
-    // thread like every status-item change.
-    environment_.mainLoop.runOnMainThreadAndWait([] {});
+    environment_.mainLoop.runOnMainThreadAndWait([this] { statusItem_->showMenuBarItem(); });
   }
   plist::Value count = objectForPreferenceDictionaryKey("availableUpdateCount");
   plist::Value lastUpdate = objectForPreferenceDictionaryKey("availableUpdateCountLastUpdate");
@@ -233,18 +226,36 @@ void AppController::reconnectWithTimeInterval(double seconds) {
   if (willReconnect_.exchange(true)) {
     return;
   }
-  startThread([this, seconds] { reconnectOnThread(seconds); });
+  if (!workers_.submit([this, seconds] { reconnectAfter(seconds); })) {
+    willReconnect_ = false;
+  }
 }
 
-void AppController::reconnectOnThread(double seconds) {
+void AppController::reconnectAfter(double seconds) {
   try {
     updateStatus("Disconnecting...");
     stopService();
     long whole = static_cast<long>(seconds);
     updateStatus(fmt::format("Reconnecting in {} seconds...", whole));
     std::cout << "Reconnecting in " << whole << " seconds..." << std::endl;
-    if (sleepUnlessQuitting(static_cast<double>(whole))) {
-      startService();
+    Timer::Id restart =
+        timer_.runAfter(platform::Clock::seconds(static_cast<double>(whole)), [this] {
+          bool queued = workers_.submit([this] {
+            try {
+              if (!isQuitting_) {
+                startService();
+              }
+            } catch (const std::exception& e) {
+              QVException::logException(e, "-[AppController reconnectOnThread:]");
+            }
+            willReconnect_ = false;
+          });
+          if (!queued) {
+            willReconnect_ = false;
+          }
+        });
+    if (restart != 0) {
+      return;
     }
   } catch (const std::exception& e) {
     QVException::logException(e, "-[AppController reconnectOnThread:]");
@@ -252,15 +263,17 @@ void AppController::reconnectOnThread(double seconds) {
   willReconnect_ = false;
 }
 
-bool AppController::sleepUnlessQuitting(double seconds) {
-  std::unique_lock lock(quitMutex_);
-  auto until = std::chrono::steady_clock::now() +
-               std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
-  return !quitCondition_.wait_until(lock, until, [this] { return isQuitting_.load(); });
+void AppController::connectionDidDie() {
+  QVLog::appendLogAndPrint("Connection died. Cleaning up...");
+  if (isQuitting_) {
+    stopService();
+  } else {
+    reconnectWithTimeInterval(10.0);
+  }
 }
 
 std::string AppController::hostName() const {
-  std::lock_guard lock(hostNameMutex_);
+  std::lock_guard lock(stateMutex_);
   if (!hostName_) {
     hostName_ = transport::currentHostName();
   }
@@ -268,20 +281,75 @@ std::string AppController::hostName() const {
 }
 
 void AppController::forgetHostName() {
-  std::lock_guard lock(hostNameMutex_);
+  std::lock_guard lock(stateMutex_);
   hostName_.reset();
+}
+
+// ---- advertisement
+
+void AppController::publishService() {
+  guard_.run("-[AppController publishService]", [&] {
+    advertisement_->publishService({endpoint_->listenPortNumber(), endpoint_->listenIPAddress(),
+                                    endpoint_->listenBSDName(), endpoint_->pdoName(),
+                                    QVSysInfo::shared().machineType()});
+  });
+}
+
+void AppController::netServiceDidNotPublish(const plist::Dictionary& error) {
+  updateStatus("Failed to publish. Retrying in 10 seconds...");
+  QVLog::console("Failed to publish: {}", plist::describe(plist::Value(error)));
+  reconnectWithTimeInterval(10.0);
+}
+
+// ---- distributed notifications
+
+void AppController::disconnectAllOtherInstances() {
+  QVLog::appendLog("Disconnecting other instances of client...");
+  notifications_.post("QVKestrinDisconnect",
+                      {{"excluded_pid", static_cast<std::int64_t>(::getpid())}});
+  QVLog::appendLog("Searching for other instances of client...");
+}
+
+void AppController::observeNotifications() {
+  using Handler = std::function<void(const plist::Dictionary&)>;
+  StatusItem& item = *statusItem_;
+  operations::ErrorChannel& channel = errorChannel_;
+  const std::pair<const char*, Handler> table[] = {
+      {"QVKestrinMenuBarIconShow", [&item](const plist::Dictionary&) { item.showMenuBarItem(); }},
+      {"QVKestrinMenuBarIconHide", [&item](const plist::Dictionary&) { item.hideMenuBarItem(); }},
+      {"QVKestrinMaintenanceEnable",
+       [&item](const plist::Dictionary&) { item.enableMaintenance(); }},
+      {"QVKestrinMaintenanceDisable",
+       [&item](const plist::Dictionary&) { item.disableMaintenance(); }},
+      {"QVKestrinCurrentStatus", [&item](const plist::Dictionary&) { item.notifyCurrentStatus(); }},
+      {"QVKestrinDisconnect", [this](const plist::Dictionary& info) { disconnect(info); }},
+      {"QVKestrinRelaunch", [this](const plist::Dictionary&) { relaunch(); }},
+      {"QVAmbrantTaskProgressIncrement",
+       [&channel](const plist::Dictionary& info) { channel.taskIncrementProgress(info); }},
+      {"QVAmbrantTaskFinished",
+       [&channel](const plist::Dictionary& info) { channel.taskFinished(info); }},
+      {"QVAmbrantTaskError",
+       [&channel](const plist::Dictionary& info) { channel.taskError(info); }},
+  };
+  for (const auto& [name, handler] : table) {
+    // Off the bus's thread: a handler may stop the service or call admins for a long time.
+    observations_.push_back(
+        notifications_.observe(name, [this, handler](const plist::Dictionary& info) {
+          workers_.submit([handler, info] { handler(info); });
+        }));
+  }
 }
 
 // ---- ending
 
+void AppController::setQuitting() {
+  isQuitting_ = true;
+}
+
 void AppController::disconnect() {
   try {
     QVLog::appendLog("Preparing to disconnect...");
-    {
-      std::lock_guard lock(quitMutex_);
-      isQuitting_ = true;
-    }
-    quitCondition_.notify_all();
+    setQuitting();
     stopService();
     environment_.mainLoop.runOnMainThreadAndWait(
         [] { QVLog::appendLog("Hiding menu bar item..."); });
@@ -306,9 +374,9 @@ void AppController::relaunch() {
     return;
   }
   fs::path executable =
-      fs::path(environment_.bundlePath.value_or("")) / "Contents" / "MacOS" / kApplicationName;
+      fs::path(bundle_.path().value_or("")) / "Contents" / "MacOS" / kApplicationName;
   std::error_code ec;
-  if (!environment_.bundlePath || !fs::exists(executable, ec)) {
+  if (!bundle_.path() || !fs::exists(executable, ec)) {
     QVLog::appendLog("Unable to relaunch client - {} doesn't exist.", executable.string());
     return;
   }
@@ -320,16 +388,12 @@ void AppController::relaunch() {
 
 void AppController::terminate(int signal) {
   QVLog::appendLog("Received signal {}. Stopping...", signal);
-  {
-    std::lock_guard lock(quitMutex_);
-    isQuitting_ = true;
-  }
-  quitCondition_.notify_all();
+  setQuitting();
   stopService();
   QVLog::sharedController().willTerminate();
 }
 
-// ---- settings and bundle information
+// ---- settings and state
 
 plist::Value AppController::objectForPreferenceDictionaryKey(std::string_view key) const {
   return preferences_.object(key);
@@ -343,33 +407,21 @@ void AppController::setObjectForPreferenceDictionaryKey(const plist::Value& valu
   }
 }
 
-plist::Value AppController::objectForInfoDictionaryKey(std::string_view key) const {
-  if (!environment_.bundlePath) {
-    return {};
-  }
-  auto info = plist::readFile(fs::path(*environment_.bundlePath) / "Contents" / "Info.plist");
-  if (!info) {
-    return {};
-  }
-  const plist::Value* value = info->get(key);
-  return value ? *value : plist::Value();
+void AppController::updateStatus(const std::string& status) {
+  statusItem_->updateStatus(status);
 }
 
-std::string AppController::clientVersion() const {
-  plist::Value version = objectForInfoDictionaryKey("CFBundleVersion");
-  return version.asString() ? *version.asString() : "Unknown";
+bool AppController::isConnected() const {
+  return endpoint_->isConnected();
 }
 
-std::string AppController::clientVersionString() const {
-  plist::Value version = objectForInfoDictionaryKey("CFBundleShortVersionString");
-  return version.asString() ? *version.asString() : "Unknown";
+bool AppController::maintenanceRequested() const {
+  return statusItem_->maintenanceRequested();
 }
 
-// ---- status
-
-std::string AppController::statusString() const {
+std::optional<std::string> AppController::takeLastCrashLogPath() {
   std::lock_guard lock(stateMutex_);
-  return statusString_;
+  return std::exchange(lastCrashLogPath_, std::nullopt);
 }
 
 plist::Value AppController::availableUpdateCount() const {

@@ -1,41 +1,62 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "app/ErrorChannel.h"
-#include "app/ExceptionGuard.h"
-#include "app/PreferenceFile.h"
+#include "app/ListeningEndpoint.h"
+#include "foundation/NotificationHub.h"
+#include "foundation/PreferenceFile.h"
 #include "foundation/QVBugReporter.h"
-#include "platform/NotificationCenter.h"
+#include "foundation/Timer.h"
+#include "foundation/WorkerPool.h"
+#include "operations/AgentBundle.h"
+#include "operations/AgentControl.h"
+#include "operations/AgentIcons.h"
+#include "operations/ApplicationCatalog.h"
+#include "operations/CallbackRelay.h"
+#include "operations/ErrorChannel.h"
+#include "operations/ExceptionGuard.h"
+#include "platform/Workspace.h"
 #include "plist/Value.h"
 
 namespace kestrin {
 
+class CallbackEndpoint;
 class MainLoop;
+class QVAuthorization;
 class QVLocalPaths;
+class StatusItem;
 
-// The agent's one controller and the root object it vends. It owns the agent's state and its
-// lifecycle; the work of each remote operation lives in its operation group, which the
-// controller calls.
+namespace operations {
+class AgentOperations;
+class ControllerObject;
+} // namespace operations
+
+namespace platform {
+class Clock;
+class ToolTable;
+} // namespace platform
+
+namespace transport {
+class ServiceAdvertisement;
+}
+
+// The agent's one controller: its lifecycle (the start-up order, starting and stopping the
+// service, reconnection, the ways out), its state, and the table of remote operations. The
+// work of each operation lives in its group (operations/); the endpoints, the status item and
+// the advertisement are classes of their own that the controller owns and starts in order.
 //
-// Threads: init() and the signal path run on the main thread; remote operations and start-up
-// work run on worker threads. Flags are atomics; startService/stopService exclude each other.
-class AppController {
-  friend class EndpointDelegate;
-
+// Threads: init() and the signal path run on the main thread; remote operations, start-up
+// work, notification handlers and reconnections run on the controller's worker pool; deadlines
+// on its timer. The destructor stops both before anything they use goes away.
+class AppController final : public operations::AgentControl, private ListeningEndpoint::Delegate {
 public:
-  static constexpr const char* kBundleIdentifier = "com.quorvane.Kestrin";
-  static constexpr const char* kApplicationName = "Kestrin";
+  static constexpr const char* kBundleIdentifier = operations::AgentBundle::kBundleIdentifier;
+  static constexpr const char* kApplicationName = operations::AgentBundle::kApplicationName;
   static constexpr const char* kPreferenceFileName = "com.quorvane.Kestrin.plist";
 
   struct Environment {
@@ -44,11 +65,14 @@ public:
     // The agent's bundle (Kestrin.app). Resolved by the caller so that tests can point the
     // controller at a throwaway bundle.
     std::optional<std::string> bundlePath;
+    // Every deadline of the agent; tests pass a ManualClock.
+    const platform::Clock& clock;
+    const platform::ToolTable& tools;
+    QVAuthorization& authorization;
   };
 
   explicit AppController(Environment environment);
-  // Joins the start-up threads it detached.
-  ~AppController();
+  ~AppController() override;
   AppController(const AppController&) = delete;
   AppController& operator=(const AppController&) = delete;
 
@@ -59,9 +83,12 @@ public:
   void startService();
   void stopService();
   void loadSettings();
+  // Schedules one restart of the whole service after the interval; does nothing while one is
+  // pending.
+  void reconnectWithTimeInterval(double seconds) override;
 
   // ---- ending
-  void disconnect();
+  void disconnect() override;
   // Handler of the "QVKestrinDisconnect" notification: quits unless "excluded_pid" is ours.
   void disconnect(const plist::Dictionary& userInfo);
   void relaunch();
@@ -70,159 +97,90 @@ public:
   // The orderly stop for SIGTERM and SIGINT: stop the service, flush the log.
   void terminate(int signal);
 
-  // ---- settings and bundle information
+  // ---- settings
   plist::Value objectForPreferenceDictionaryKey(std::string_view key) const;
   void setObjectForPreferenceDictionaryKey(const plist::Value& value, const std::string& key);
-  plist::Value objectForInfoDictionaryKey(std::string_view key) const;
-  std::string clientVersion() const;
-  std::string clientVersionString() const;
-  const std::optional<std::string>& bundlePath() const { return environment_.bundlePath; }
   std::string preferenceFilePath() const { return preferences_.path(); }
-
   // The listening port that the settings ask for: "customPort" when "customPortSet" is 1 and
   // the port lies in 1025..65535, otherwise 0 (the endpoint's own default).
   static int listeningPortFromPreferences(const plist::Value& customPortSet,
                                           const plist::Value& customPort);
 
-  // ---- status, status item and maintenance requests
-  void updateStatus(const std::string& status);
-  std::string statusString() const;
-  // Broadcasts the status as "QVKestrinStatusUpdate".
-  void notifyCurrentStatus();
-  // There is no status bar to show an item in: the item is never created, while the log
-  // lines, flags and callbacks of its actions still happen.
-  void showMenuBarItem() {}
-  void hideMenuBarItem();
-  void setStatusBarConnected() {}
-  void setStatusBarDisconnected() {}
-  void sendMaintenanceRequest();
-  void cancelMaintenanceRequest();
-  void enableMaintenance();
-  void disableMaintenance();
-  bool maintenanceRequested() const { return maintenanceRequested_; }
-  // Loads the status-item and service images from the bundle's Resources into iconDict.
-  void setupIconDict();
-  // The images by role ("normal", "highlight", "maintenance", "disconnected",
-  // "smallServiceIcon", "largeServiceIcon"), or null until setupIconDict has run.
-  plist::Value iconDict() const;
+  // ---- what the operation groups see
+  std::string hostName() const override;
+  bool isConnected() const override;
+  bool maintenanceRequested() const override;
+  std::optional<std::string> takeLastCrashLogPath() override;
+  plist::Value availableUpdateCount() const override;
+  plist::Value availableUpdateCountLastUpdate() const override;
 
-  // ---- distributed notifications
-  // Connects to the session bus; without one, notifications are off (logged once).
-  void connectNotificationCenter();
-  // Subscribes the handlers of every notification the agent observes.
-  void observeNotifications();
-  void postNotification(const std::string& name, const plist::Dictionary& userInfo);
-
-  // ---- remote service: the listening endpoint
-  void startVendingOnPort(int port);
-  void stopVending();
-  void connectionDidDie();
-  // Every connection is accepted unless the "allowedAdminAddresses" preference lists the
-  // addresses that may connect.
-  bool shouldMakeNewConnection(const std::string& peerAddress);
-  int listenPortNumber() const;
-  std::optional<std::string> pdoName() const;
-  // "Kestrin - <host>" cut to 63 characters, as names are registered.
-  static std::string registeredName(const std::string& name);
-
-  // ---- advertisement
-  void publishService();
-  void netServiceDidNotPublish(const plist::Dictionary& error);
-
-  // ---- the machine-local callback endpoint
-  static constexpr const char* kCallbackName = "QVKestrinCallback";
-  void startCallbackVending();
-  void stopCallbackVending();
-  void reconnectCallbackWithTimeInterval(double seconds);
-  // The one-shot relay: the next notification of that name goes to the record's
-  // postCallback:, once. A second relay replaces the first record.
-  void setupCallbackListener(const plist::ObjectRef& callback, const std::string& name);
-  void executeCallback(const std::string& name, const plist::Dictionary& userInfo);
-
+  // ---- parts, for the entry point and tests
+  const operations::AgentBundle& bundle() const { return bundle_; }
+  StatusItem& statusItem() { return *statusItem_; }
+  ListeningEndpoint& listeningEndpoint() { return *endpoint_; }
+  operations::ErrorChannel& errorChannel() { return errorChannel_; }
+  operations::ApplicationCatalog& applications() { return applications_; }
+  const operations::OperationTable& operationTable() const;
   // The object that the listening endpoint vends.
-  plist::ObjectRef rootObject() { return rootObject_; }
-  ErrorChannel& errorChannel() { return errorChannel_; }
-  const ExceptionGuard& exceptionGuard() const { return exceptionGuard_; }
-  // Schedules one restart of the whole service after the interval; does nothing while one is
-  // pending.
-  void reconnectWithTimeInterval(double seconds);
-  // The agent's name for itself ("name.local."), the first argument of most events. Resolved
-  // once per start of the service: a renamed machine is seen after the next restart.
-  std::string hostName() const;
-  void forgetHostName();
-  bool isConnected() const { return isConnected_; }
+  plist::ObjectRef rootObject() const;
+  Timer& timer() { return timer_; }
+  WorkerPool& workers() { return workers_; }
 
-  // ---- the maker's applications found at start-up
-  // Scans the Applications folder for the maker's applications and stores the list.
-  void populateQVApps();
-  void setQVApps(std::vector<std::string> paths);
-  bool qvAppsPopulated() const;
-  // The list, once the scan has finished or `wait` has passed (whatever there is then).
-  std::vector<std::string> qvApps(std::chrono::milliseconds wait);
-  const QVLocalPaths& paths() const { return environment_.paths; }
-
-  // The crash report of the previous run, once: the configuration reports it a single time.
-  std::optional<std::string> takeLastCrashLogPath();
-
-  // ---- state that other parts read
   bool isQuitting() const { return isQuitting_; }
   bool isRelaunching() const { return isRelaunching_; }
   int requestedPort() const { return requestedPort_; }
-  plist::Value availableUpdateCount() const;
-  plist::Value availableUpdateCountLastUpdate() const;
 
 private:
+  // ---- ListeningEndpoint::Delegate
+  void updateStatus(const std::string& status) override;
+  void connectionDidDie() override;
+
+  void forgetHostName();
+  void publishService();
+  void netServiceDidNotPublish(const plist::Dictionary& error);
+  void observeNotifications();
   QVBugReporter::StampWriter stampWriter();
-  // Starts fn on a thread of its own; the destructor joins it.
-  void startThread(std::function<void()> fn);
-  void reconnectOnThread(double seconds);
-  // Sleeps for the interval or until the agent starts quitting. Answers false when quitting.
-  bool sleepUnlessQuitting(double seconds);
+  void reconnectAfter(double seconds);
+  void setQuitting();
+
+  class AdvertisementDelegate;
 
   Environment environment_;
+  // Declared first, destroyed last; the destructor stops them before the members below go.
+  Timer timer_;
+  WorkerPool workers_;
+
   PreferenceFile preferences_;
+  operations::AgentBundle bundle_;
+  platform::Workspace workspace_;
+  NotificationHub notifications_;
+  ExceptionGuard guard_;
+  operations::ErrorChannel errorChannel_;
+  operations::CallbackRelay callbackRelay_;
+  operations::ApplicationCatalog applications_;
+  operations::AgentIcons icons_;
+  std::unique_ptr<operations::AgentOperations> operations_;
+  std::shared_ptr<operations::ControllerObject> rootObject_;
+  std::unique_ptr<StatusItem> statusItem_;
+  transport::NameRegistry registry_;
+  std::unique_ptr<ListeningEndpoint> endpoint_;
+  std::unique_ptr<CallbackEndpoint> callbackEndpoint_;
+  std::unique_ptr<AdvertisementDelegate> advertisementDelegate_;
+  std::unique_ptr<transport::ServiceAdvertisement> advertisement_;
+  std::vector<NotificationHub::Observation> observations_;
 
   std::atomic<bool> initialized_{false};
-  std::atomic<bool> maintenanceRequested_{false};
   std::atomic<bool> isQuitting_{false};
-  std::atomic<bool> isConnected_{false};
   std::atomic<bool> isRelaunching_{false};
   std::atomic<bool> willReconnect_{false};
   std::atomic<int> requestedPort_{0};
 
-  mutable std::mutex stateMutex_; // guards the values below, replaced whole
-  std::string statusString_;
+  mutable std::recursive_mutex serviceMutex_; // startService / stopService
+  mutable std::mutex stateMutex_;             // guards the values below, replaced whole
+  mutable std::optional<std::string> hostName_;
   std::optional<std::string> lastCrashLogPath_;
-  std::vector<std::string> qvAppArray_;
-  bool qvAppsPopulated_ = false;
-  std::condition_variable qvAppsChanged_;
   plist::Value availableUpdateCount_;
   plist::Value availableUpdateCountLastUpdate_;
-  plist::Value iconDict_;
-
-  mutable std::mutex hostNameMutex_;
-  mutable std::optional<std::string> hostName_; // under hostNameMutex_
-
-  mutable std::recursive_mutex serviceMutex_; // startService / stopService
-
-  std::mutex threadsMutex_;
-  std::vector<std::thread> threads_;
-
-  std::mutex quitMutex_;
-  std::condition_variable quitCondition_;
-
-  ExceptionGuard exceptionGuard_;
-  ErrorChannel errorChannel_;
-  plist::ObjectRef rootObject_;
-
-  struct ServiceState;
-  std::unique_ptr<ServiceState> service_; // under serviceMutex_
-
-  std::unique_ptr<platform::NotificationCenter> notificationCenter_;
-  std::vector<platform::NotificationCenter::Observation> observations_;
-  std::mutex relayMutex_;
-  plist::ObjectRef theCallback_;                                            // under relayMutex_
-  std::map<std::string, platform::NotificationCenter::Observation> relays_; // under relayMutex_
 };
 
 } // namespace kestrin

@@ -1,7 +1,6 @@
 #include "app/MainLoop.h"
 
 #include <csignal>
-#include <map>
 #include <mutex>
 #include <thread>
 
@@ -21,33 +20,6 @@ struct MainLoop::Impl {
   bool quitRequested = false;
   kj::Own<kj::CrossThreadPromiseFulfiller<void>> quitFulfiller;
   kj::Maybe<kj::Promise<void>> quitPromise;
-
-  // Timers: touched on the main thread only.
-  struct TaskErrors : kj::TaskSet::ErrorHandler {
-    void taskFailed(kj::Exception&&) override {} // a cancelled timer
-  } taskErrors;
-  kj::TaskSet tasks{taskErrors};
-  std::map<TimerId, kj::Own<kj::Canceler>> timers;
-  std::atomic<TimerId> nextTimer{1};
-
-  void arm(TimerId id, std::chrono::milliseconds delay, std::function<void()> fn) {
-    auto canceler = kj::heap<kj::Canceler>();
-    auto fired = io.provider->getTimer().afterDelay(delay.count() * kj::MILLISECONDS);
-    tasks.add(canceler->wrap(kj::mv(fired)).then([this, id, fn = std::move(fn)]() {
-      // The canceler must outlive the promise it wrapped, so drop it on a later turn.
-      tasks.add(kj::evalLater([this, id] { timers.erase(id); }));
-      fn();
-    }));
-    timers.emplace(id, kj::mv(canceler));
-  }
-
-  void cancel(TimerId id) {
-    auto found = timers.find(id);
-    if (found != timers.end()) {
-      found->second->cancel("timer cancelled");
-      tasks.add(kj::evalLater([this, id] { timers.erase(id); }));
-    }
-  }
 };
 
 MainLoop::MainLoop() {
@@ -116,20 +88,6 @@ bool MainLoop::runOnMainThreadAndWait(const std::function<void()>& fn) {
     return false;
   }
   return true;
-}
-
-MainLoop::TimerId MainLoop::runAfter(std::chrono::milliseconds delay, std::function<void()> fn) {
-  Impl& impl = *impl_;
-  TimerId id = impl.nextTimer++;
-  bool armed = runOnMainThreadAndWait([&] { impl.arm(id, delay, std::move(fn)); });
-  return armed ? id : 0;
-}
-
-void MainLoop::cancelTimer(TimerId id) {
-  if (id == 0) {
-    return;
-  }
-  runOnMainThreadAndWait([this, id] { impl_->cancel(id); });
 }
 
 } // namespace kestrin

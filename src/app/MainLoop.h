@@ -11,7 +11,8 @@ namespace kestrin {
 
 // The main thread's event loop. It dispatches work that must run "on the main thread" (other
 // threads hand it over and wait), turns SIGTERM and SIGINT into an orderly stop, and ends when
-// someone asks it to quit. It never blocks on a tool, a socket or a worker's lock.
+// someone asks it to quit. It never blocks on a tool, a socket or a worker's lock. Deadlines
+// live on the controller's Timer, not here, so that tests can move their time.
 //
 // Construct it on the main thread before any other thread exists: the two signals are captured
 // process-wide and stay blocked in every thread created afterwards, so only this loop sees them.
@@ -34,13 +35,6 @@ public:
   bool runOnMainThreadAndWait(const std::function<void()>& fn);
 
   bool isMainThread() const;
-
-  // One-shot timers on the main thread. fn runs on the main thread after the delay unless the
-  // timer is cancelled first. Both may be called from any thread; cancelling a timer that has
-  // fired or was never armed does nothing. Answers 0 (and arms nothing) once the loop has ended.
-  using TimerId = std::uint64_t;
-  TimerId runAfter(std::chrono::milliseconds delay, std::function<void()> fn);
-  void cancelTimer(TimerId id);
 
 private:
   struct Impl;

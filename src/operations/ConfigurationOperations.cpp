@@ -1,16 +1,14 @@
-// What the administration application reads when it first connects to an agent: versions,
-// names, the maintenance flag, the installed suite's version and the agent's own crash report.
+#include "operations/ConfigurationOperations.h"
 
 #include <filesystem>
 
-#include "app/AppController.h"
 #include "foundation/QVLog.h"
-#include "operations/OperationGroups.h"
-#include "operations/OperationTable.h"
+#include "operations/AgentBundle.h"
+#include "operations/AgentControl.h"
+#include "operations/ApplicationCatalog.h"
 #include "platform/FileBytes.h"
 #include "platform/NetworkProfile.h"
 #include "plist/PropertyList.h"
-#include "support/NamedException.h"
 
 namespace kestrin::operations {
 
@@ -23,12 +21,30 @@ constexpr const char* kSuiteGroup = "com.quorvane.ambrant";
 // A crash report is text of a few kilobytes; the cap only guards against a runaway file.
 constexpr std::size_t kCrashReportLimit = 4 << 20;
 
-// {"version", "versionString"} of the first application that belongs to the suite, or null.
-Value ambrantVersion(AppController& controller) {
-  if (!controller.qvAppsPopulated()) {
-    controller.populateQVApps();
+// The report's text: the admin side runs on another machine, where a path means nothing.
+std::optional<std::string> crashReportText(const std::string& path) {
+  auto bytes = platform::readFileBytes(path, kCrashReportLimit);
+  if (!bytes) {
+    QVLog::appendLog("Could not read crash log {}", bytes.message());
+    return std::nullopt;
   }
-  for (const std::string& path : controller.qvApps(std::chrono::milliseconds(0))) {
+  return std::string(bytes->begin(), bytes->end());
+}
+
+} // namespace
+
+void ConfigurationOperations::registerIn(OperationTable& table) {
+  using C = ConfigurationOperations;
+  table.add("ambrantVersion", *this, &C::ambrantVersion);
+  table.add("initialConfiguration", *this, &C::initialConfiguration);
+  table.add("fetchInitialConfiguration:", *this, &C::fetchInitialConfiguration);
+}
+
+Value ConfigurationOperations::ambrantVersion() {
+  if (!applications_.qvAppsPopulated()) {
+    applications_.populateQVApps();
+  }
+  for (const std::string& path : applications_.qvApps(platform::Clock::Duration::zero())) {
     auto updates = plist::readFile(fs::path(path) / "Contents/QVUpdates.plist");
     const plist::Dictionary* group = updates ? updates->asDictionary() : nullptr;
     if (group == nullptr) {
@@ -44,47 +60,37 @@ Value ambrantVersion(AppController& controller) {
   return {};
 }
 
-plist::Dictionary initialConfiguration(AppController& controller) {
+plist::Dictionary ConfigurationOperations::initialConfiguration() {
   plist::Dictionary configuration{
-      {"version", controller.clientVersion()},
-      {"versionString", controller.clientVersionString()},
-      {"maintenanceRequested", controller.maintenanceRequested()},
+      {"version", bundle_.clientVersion()},
+      {"versionString", bundle_.clientVersionString()},
+      {"maintenanceRequested", agent_.maintenanceRequested()},
   };
-  Value suite = ambrantVersion(controller);
+  Value suite = ambrantVersion();
   if (const plist::Dictionary* versions = suite.asDictionary()) {
     configuration.set("ambrantVersion", *versions->find("version"));
     configuration.set("ambrantVersionString", *versions->find("versionString"));
   }
-  Value minimum = controller.objectForInfoDictionaryKey("QVMinAdminVersion");
+  Value minimum = bundle_.objectForInfoDictionaryKey("QVMinAdminVersion");
   configuration.set("minAdminVersion", minimum.isNull() ? Value("0") : minimum);
   return configuration;
 }
 
-// The report's text: the admin side runs on another machine, where a path means nothing.
-std::optional<std::string> crashReportText(const std::string& path) {
-  auto bytes = platform::readFileBytes(path, kCrashReportLimit);
-  if (!bytes) {
-    QVLog::appendLog("Could not read crash log {}", bytes.message());
-    return std::nullopt;
-  }
-  return std::string(bytes->begin(), bytes->end());
-}
-
-plist::Dictionary fullConfiguration(AppController& controller) {
-  plist::Dictionary configuration = initialConfiguration(controller);
-  configuration.set("preferredHostName", controller.hostName());
+plist::Dictionary ConfigurationOperations::fullConfiguration() {
+  plist::Dictionary configuration = initialConfiguration();
+  configuration.set("preferredHostName", agent_.hostName());
   plist::Array names;
   for (const std::string& name : platform::hostNames().names) {
     names.push_back(name);
   }
   configuration.set("hostNames", names);
-  Value count = controller.availableUpdateCount();
-  Value date = controller.availableUpdateCountLastUpdate();
+  Value count = agent_.availableUpdateCount();
+  Value date = agent_.availableUpdateCountLastUpdate();
   if (!count.isNull() && !date.isNull()) {
     configuration.set("availableUpdateCount", count);
     configuration.set("availableUpdateCountLastUpdate", date);
   }
-  if (auto crashLog = controller.takeLastCrashLogPath()) {
+  if (auto crashLog = agent_.takeLastCrashLogPath()) {
     if (auto text = crashReportText(*crashLog)) {
       configuration.set("selfCrashLog", *text);
     }
@@ -92,28 +98,17 @@ plist::Dictionary fullConfiguration(AppController& controller) {
   return configuration;
 }
 
-} // namespace
-
-void addConfigurationOperations(OperationTable& table) {
-  table.add("ambrantVersion",
-            [](AppController& controller, const Arguments&) { return ambrantVersion(controller); });
-  table.add("initialConfiguration", [](AppController& controller, const Arguments&) {
-    return Value(initialConfiguration(controller));
-  });
-  table.add("fetchInitialConfiguration:", [](AppController& controller, const Arguments& a) {
-    plist::ObjectRef receiver = a.at(0).isNull() ? nullptr : a.object(0);
-    plist::Dictionary configuration = fullConfiguration(controller);
-    if (receiver) {
-      // A failing receiver must not look like a broken connection to the common guard,
-      // which would restart the service.
-      try {
-        receiver->invoke("processConfiguration:", {configuration});
-      } catch (const std::exception& e) {
-        QVLog::appendLog("Configuration receiver failed: {}", e.what());
-      }
+void ConfigurationOperations::fetchInitialConfiguration(std::optional<plist::ObjectRef> receiver) {
+  plist::Dictionary configuration = fullConfiguration();
+  if (receiver) {
+    // A failing receiver must not look like a broken connection to the common guard, which
+    // would restart the service.
+    try {
+      (*receiver)->invoke("processConfiguration:", {configuration});
+    } catch (const std::exception& e) {
+      QVLog::appendLog("Configuration receiver failed: {}", e.what());
     }
-    return Value();
-  });
+  }
 }
 
 } // namespace kestrin::operations

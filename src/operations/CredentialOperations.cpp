@@ -1,18 +1,13 @@
-// Remote credentials: an administrator's user name and the password encrypted under the shared
-// passcode, turned into administrator rights for the operations that need them.
+#include "operations/CredentialOperations.h"
 
 #include <filesystem>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "app/AppController.h"
 #include "foundation/QVAuthorization.h"
 #include "foundation/QVEncryption.h"
 #include "foundation/QVLog.h"
-#include "foundation/QVTaskEx.h"
-#include "operations/OperationGroups.h"
-#include "operations/OperationTable.h"
 #include "operations/PathComponents.h"
 #include "plist/PropertyList.h"
 
@@ -25,22 +20,6 @@ using plist::Value;
 std::string passwordFrom(const Value& data) {
   const plist::Data* bytes = data.asData();
   return bytes ? QVEncryption::decryptPassword(*bytes) : "";
-}
-
-// Null when the credentials open an authorisation, otherwise the error to report (1006).
-Value authWithDict(const plist::Dictionary& credentials) {
-  const Value* user = credentials.find("authUser");
-  const Value* pass = credentials.find("authPass");
-  std::optional<std::string> name;
-  if (user && user->asString()) {
-    name = *user->asString();
-  }
-  std::string password = pass ? passwordFrom(*pass) : "";
-  if (QVAuthorization::sharedController(false).authStartWithUser(name, password)) {
-    return {};
-  }
-  QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
-  return plist::ErrorRecord{"ambrantDomain", 1006, {}};
 }
 
 bool isWritable(const std::filesystem::path& path) {
@@ -74,69 +53,74 @@ std::vector<std::string> stringsOf(const plist::Array& values) {
 
 } // namespace
 
-void addCredentialOperations(OperationTable& table) {
-  table.add(
-      "validateUsername:password:",
-      [](AppController&, const Arguments& a) {
-        return Value(QVAuthorization::sharedController(false).authStartWithUser(
-            a.optionalString(0), passwordFrom(a.at(1))));
-      },
-      false);
+void CredentialOperations::registerIn(OperationTable& table) {
+  using C = CredentialOperations;
+  const Value refused = plist::ErrorRecord{ErrorChannel::kErrorDomain, -1, {}};
+  table.add("validateUsername:password:", *this, &C::validateUsername, false);
+  table.add("authWithDict:", *this, &C::authWithDict, refused);
+  table.add("launchAuthTask:arguments:authInfo:", *this, &C::launchAuthTask, refused);
+  table.add("needsAdminAccess:", *this, &C::needsAdminAccess, false);
+  table.add("stripComponents:fromPath:", *this, &C::stripComponents);
+}
 
-  table.add(
-      "authWithDict:",
-      [](AppController&, const Arguments& a) {
-        return authWithDict(a.optionalDictionary(0).value_or(plist::Dictionary{}));
-      },
-      Value(plist::ErrorRecord{"ambrantDomain", -1, {}}));
+bool CredentialOperations::validateUsername(std::optional<std::string> user, Value password) {
+  return authorization_.authStartWithUser(user, passwordFrom(password));
+}
 
-  table.add(
-      "launchAuthTask:arguments:authInfo:",
-      [](AppController& controller, const Arguments& a) {
-        Value refused = authWithDict(a.optionalDictionary(2).value_or(plist::Dictionary{}));
-        if (const plist::ErrorRecord* error = refused.asError()) {
-          controller.errorChannel().postErrorWithCode(error->code, std::nullopt);
-          return refused;
-        }
-        std::vector<std::string> arguments = stringsOf(a.array(1));
-        QVLog::appendLog("Executing auth task...");
-        QVAuthorization::sharedController(false).authExecTask(a.string(0), arguments);
-        QVLog::appendLog("Ending authorization...");
-        QVAuthorization::sharedController(false).authEnd();
-        return Value();
-      },
-      Value(plist::ErrorRecord{"ambrantDomain", -1, {}}));
+Value CredentialOperations::authWithDict(std::optional<plist::Dictionary> credentials) {
+  plist::Dictionary given = credentials.value_or(plist::Dictionary{});
+  const Value* user = given.find("authUser");
+  const Value* pass = given.find("authPass");
+  std::optional<std::string> name;
+  if (user && user->asString()) {
+    name = *user->asString();
+  }
+  if (authorization_.authStartWithUser(name, pass ? passwordFrom(*pass) : "")) {
+    return {};
+  }
+  QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
+  return plist::ErrorRecord{ErrorChannel::kErrorDomain, 1006, {}};
+}
 
-  table.add(
-      "needsAdminAccess:",
-      [](AppController& controller, const Arguments& a) {
-        controller.errorChannel().setProcessingCancelled(false);
-        for (const Value& entry : a.array(0)) {
-          if (!entry.asString()) {
-            continue;
-          }
-          std::filesystem::path path(*entry.asString());
-          std::filesystem::path parent = path.parent_path();
-          std::error_code ec;
-          if (!std::filesystem::exists(std::filesystem::symlink_status(path, ec))) {
-            continue;
-          }
-          if (!isDeletable(path) || !isWritable(path) || !isDeletable(parent) ||
-              !isWritable(parent)) {
-            return Value(true);
-          }
-        }
-        return Value(false);
-      },
-      false);
+Value CredentialOperations::launchAuthTask(std::string tool, plist::Array arguments,
+                                           std::optional<plist::Dictionary> credentials) {
+  Value refused = authWithDict(std::move(credentials));
+  if (const plist::ErrorRecord* error = refused.asError()) {
+    channel_.postErrorWithCode(error->code, std::nullopt);
+    return refused;
+  }
+  QVLog::appendLog("Executing auth task...");
+  authorization_.authExecTask(tool, stringsOf(arguments));
+  QVLog::appendLog("Ending authorization...");
+  authorization_.authEnd();
+  return {};
+}
 
-  table.add("stripComponents:fromPath:", [](AppController&, const Arguments& a) {
-    plist::Array stripped;
-    for (std::string& component : stripComponents(stringsOf(a.array(0)), stringsOf(a.array(1)))) {
-      stripped.push_back(std::move(component));
+bool CredentialOperations::needsAdminAccess(plist::Array paths) {
+  channel_.setProcessingCancelled(false);
+  for (const Value& entry : paths) {
+    if (!entry.asString()) {
+      continue;
     }
-    return Value(stripped);
-  });
+    std::filesystem::path path(*entry.asString());
+    std::filesystem::path parent = path.parent_path();
+    std::error_code ec;
+    if (!std::filesystem::exists(std::filesystem::symlink_status(path, ec))) {
+      continue;
+    }
+    if (!isDeletable(path) || !isWritable(path) || !isDeletable(parent) || !isWritable(parent)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+plist::Array CredentialOperations::stripComponents(plist::Array base, plist::Array path) {
+  plist::Array stripped;
+  for (std::string& component : operations::stripComponents(stringsOf(base), stringsOf(path))) {
+    stripped.push_back(std::move(component));
+  }
+  return stripped;
 }
 
 } // namespace kestrin::operations

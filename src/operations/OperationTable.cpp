@@ -1,15 +1,16 @@
 #include "operations/OperationTable.h"
 
-#include "operations/OperationGroups.h"
-
 namespace kestrin::operations {
 
-void OperationTable::add(std::string selector, Handler handler, plist::Value neutral) {
-  Operation operation{selector, std::move(handler), std::move(neutral)};
-  operations_.insert_or_assign(std::move(selector), std::move(operation));
+void OperationTable::insert(Operation operation) {
+  std::string selector = operation.selector;
+  // try_emplace leaves `operation` alone when the selector is taken.
+  if (!operations_.try_emplace(selector, std::move(operation)).second) {
+    throw std::logic_error(selector + " is registered twice");
+  }
 }
 
-const Operation* OperationTable::find(std::string_view selector) const {
+const OperationTable::Operation* OperationTable::find(std::string_view selector) const {
   auto found = operations_.find(selector);
   return found == operations_.end() ? nullptr : &found->second;
 }
@@ -21,19 +22,6 @@ std::vector<std::string> OperationTable::selectors() const {
     names.push_back(selector);
   }
   return names;
-}
-
-const OperationTable& OperationTable::agentOperations() {
-  static const OperationTable table = [] {
-    OperationTable built;
-    addControllerOperations(built);
-    addErrorChannelOperations(built);
-    addCredentialOperations(built);
-    addTaskOperations(built);
-    addConfigurationOperations(built);
-    return built;
-  }();
-  return table;
 }
 
 } // namespace kestrin::operations

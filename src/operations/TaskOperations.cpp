@@ -1,22 +1,23 @@
 // Running the tasks that the maker's applications declare in their QVTasks.plist, as the
 // agent's user or with an administrator's rights, and listing them for the admin side.
 
+#include "operations/TaskOperations.h"
+
 #include <filesystem>
-#include <map>
-#include <mutex>
 
 #include <fmt/format.h>
 
-#include "app/AppController.h"
 #include "foundation/ImageScaler.h"
 #include "foundation/QVAuthorization.h"
 #include "foundation/QVEncryption.h"
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
 #include "foundation/QVTaskEx.h"
+#include "operations/AgentIcons.h"
+#include "operations/ApplicationCatalog.h"
+#include "operations/CallbackRelay.h"
+#include "operations/ErrorChannel.h"
 #include "operations/MakerApplications.h"
-#include "operations/OperationGroups.h"
-#include "operations/OperationTable.h"
 #include "platform/FileBytes.h"
 #include "platform/Workspace.h"
 #include "plist/PropertyList.h"
@@ -29,24 +30,79 @@ namespace fs = std::filesystem;
 using plist::Value;
 
 constexpr QVTaskEx::TimeLimit kTaskTimeLimit{30.0};
+// How long a listing waits for the scan of the maker's applications at start-up.
+constexpr auto kApplicationScanWait = std::chrono::seconds(10);
+
+std::string optionsText(const plist::Array& options) {
+  return plist::describe(Value(options));
+}
+
+std::string passwordFrom(const Value& data) {
+  const plist::Data* bytes = data.asData();
+  return bytes ? QVEncryption::decryptPassword(*bytes) : "";
+}
+
+// The tasks of one application as the admin side lists them, or nothing.
+std::optional<plist::Array> tasksOf(const std::string& bundlePath, const plist::Dictionary& info) {
+  auto file = taskFileOf(bundlePath);
+  const plist::Dictionary& source = file ? *file : info;
+  const Value* tasks = source.find("QVTasks");
+  if (tasks == nullptr) {
+    return std::nullopt;
+  }
+  if (const plist::Array* list = tasks->asArray()) {
+    return *list;
+  }
+  const plist::Dictionary* old = tasks->asDictionary();
+  if (old == nullptr) {
+    return std::nullopt;
+  }
+  plist::Array converted;
+  for (const auto& [line, description] : *old) {
+    plist::Array command;
+    std::size_t start = 0;
+    for (std::size_t at; (at = line.find(" ### ", start)) != std::string::npos; start = at + 5) {
+      command.push_back(line.substr(start, at - start));
+    }
+    command.push_back(line.substr(start));
+    converted.push_back(plist::Dictionary{{"description", description}, {"command", command}});
+  }
+  return converted;
+}
+
+} // namespace
 
 // A task ready to run, or the code that explains why there is none.
-struct Resolved {
+struct TaskOperations::Resolved {
   std::string executable;
   std::vector<std::string> arguments;
   std::int64_t failure = 0;
   std::optional<std::string> info;
 };
 
-std::string optionsText(const plist::Array& options) {
-  return plist::describe(Value(options));
+TaskOperations::TaskOperations(const Services& services) : services_(services) {}
+
+void TaskOperations::registerIn(OperationTable& table) {
+  using T = TaskOperations;
+  table.add("executeTask:bundleID:options:", *this, &T::executeTask);
+  table.add("authExecuteTask:bundleID:options:username:password:", *this, &T::authExecuteTask);
+  table.add("authExecuteTask:bundleID:options:username:password:callback:callbackName:", *this,
+            &T::authExecuteTaskWithCallback);
+  table.add("qvAppTasks", *this, &T::qvAppTasks);
+  table.add("pathForAppWithBundleID:", *this, &T::pathForAppWithBundleID);
+  table.add("exePathForAppWithBundleID:", *this, &T::exePathForAppWithBundleID);
+  table.add("pathForBundleID:inFolder:", *this, &T::pathForBundleIDInFolder);
+  table.add("qvAppsInFolder:", *this, &T::qvAppsInFolder);
+  table.add("setupIconDict", *this, &T::setupIconDict);
+  table.add("dictionaryFromData:", *this, &T::dictionaryFromData);
 }
 
 // Steps shared by both ways of running: application, Info.plist, task file, task.
-Resolved resolveTask(AppController& controller, const std::string& taskId,
-                     const std::string& bundleId, const plist::Array& options,
-                     const char* missingApplication) {
-  auto path = pathForAppWithBundleID(controller.paths(), bundleId);
+TaskOperations::Resolved TaskOperations::resolveTask(const std::string& taskId,
+                                                     const std::string& bundleId,
+                                                     const plist::Array& options,
+                                                     const char* missingApplication) {
+  auto path = services_.applications.pathForAppWithBundleID(bundleId);
   QVLog::appendLog("Found application at path {} for bundle ID {}", path.value_or("(null)"),
                    bundleId);
   std::error_code ec;
@@ -88,49 +144,44 @@ Resolved resolveTask(AppController& controller, const std::string& taskId,
   return {{}, {}, 1003, std::nullopt};
 }
 
-Value executeTask(AppController& controller, const Arguments& a) {
-  const std::string& taskId = a.string(0);
-  const std::string& bundleId = a.string(1);
-  plist::Array options = a.at(2).isNull() ? plist::Array{} : a.array(2);
+void TaskOperations::executeTask(std::string taskId, std::string bundleId,
+                                 std::optional<plist::Array> options) {
+  plist::Array given = options.value_or(plist::Array{});
   QVLog::appendLog("Executing task {} in {} with options {}...", taskId, bundleId,
-                   optionsText(options));
-  Resolved task = resolveTask(controller, taskId, bundleId, options, "Application doesn't exist");
+                   optionsText(given));
+  Resolved task = resolveTask(taskId, bundleId, given, "Application doesn't exist");
   if (task.failure != 0) {
-    controller.errorChannel().postErrorWithCode(task.failure, task.info);
-    return {};
+    services_.errorChannel.postErrorWithCode(task.failure, task.info);
+    return;
   }
   QVLog::appendLog("Executing task...");
-  int status = QVTaskEx::terminationCodeFromTask(task.executable, task.arguments, kTaskTimeLimit);
+  int status = QVTaskEx::terminationCodeFromTask(task.executable, task.arguments, kTaskTimeLimit,
+                                                 services_.timer);
   if (status == 0) {
     QVLog::appendLog("Task finished successfully.");
   } else {
     QVLog::appendLog("Task finished with an error.");
-    controller.errorChannel().postErrorWithCode(status, std::nullopt);
+    services_.errorChannel.postErrorWithCode(status, std::nullopt);
   }
-  return {};
 }
 
-Value authExecuteTask(AppController& controller, const Arguments& a) {
-  const std::string& taskId = a.string(0);
-  const std::string& bundleId = a.string(1);
-  plist::Array options = a.at(2).isNull() ? plist::Array{} : a.array(2);
-  std::optional<std::string> user = a.optionalString(3);
+void TaskOperations::authExecuteTask(std::string taskId, std::string bundleId,
+                                     std::optional<plist::Array> options,
+                                     std::optional<std::string> user, Value password) {
+  plist::Array given = options.value_or(plist::Array{});
   QVLog::appendLog("Auth executing task {} in {} with options {} for user {}...", taskId, bundleId,
-                   optionsText(options), user.value_or("(null)"));
-  ErrorChannel& channel = controller.errorChannel();
+                   optionsText(given), user.value_or("(null)"));
+  ErrorChannel& channel = services_.errorChannel;
   auto fail = [&](std::int64_t code, const std::optional<std::string>& info) {
     channel.postErrorWithCode(code, info);
     channel.postFinishedTask();
-    return Value();
   };
-  Resolved task = resolveTask(controller, taskId, bundleId, options, "Cannot find application");
+  Resolved task = resolveTask(taskId, bundleId, given, "Cannot find application");
   if (task.failure != 0) {
     return fail(task.failure, task.info);
   }
-  const plist::Data* encrypted = a.at(4).asData();
-  std::string password = encrypted ? QVEncryption::decryptPassword(*encrypted) : "";
-  QVAuthorization& authorization = QVAuthorization::sharedController(false);
-  if (!authorization.authStartWithUser(user, password)) {
+  QVAuthorization& authorization = services_.authorization;
+  if (!authorization.authStartWithUser(user, passwordFrom(password))) {
     QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
     return fail(1006, std::nullopt);
   }
@@ -138,29 +189,30 @@ Value authExecuteTask(AppController& controller, const Arguments& a) {
   authorization.authExecTask(task.executable, task.arguments);
   QVLog::appendLog("Ending authorization...");
   authorization.authEnd();
-  return {};
 }
 
-// The same run, reporting to one callback instead of the error channel: each failure and, on
-// success, the tool's output arrive under "output".
-Value authExecuteTaskWithCallback(AppController& controller, const Arguments& a) {
-  if (a.at(5).isNull()) {
+void TaskOperations::authExecuteTaskWithCallback(const Caller& caller, std::string taskId,
+                                                 std::string bundleId,
+                                                 std::optional<plist::Array> options,
+                                                 std::optional<std::string> user, Value password,
+                                                 std::optional<plist::ObjectRef> callback,
+                                                 Value callbackName) {
+  if (!callback) {
     QVLog::appendLog("Error: No callback specified.");
-    return {};
+    return;
   }
-  const std::string& taskId = a.string(0);
-  const std::string& bundleId = a.string(1);
-  plist::Array options = a.at(2).isNull() ? plist::Array{} : a.array(2);
-  std::optional<std::string> user = a.optionalString(3);
-  std::string callbackName = a.string(6);
-  controller.setupCallbackListener(a.object(5), callbackName);
+  std::string name = ArgumentDecoder<std::string>::decode(
+      callbackName,
+      {"authExecuteTask:bundleID:options:username:password:callback:callbackName:", 6});
+  plist::Array given = options.value_or(plist::Array{});
+  CallbackRelay& relay = services_.callbackRelay;
+  relay.setupCallbackListener(caller, *callback, name);
   QVLog::appendLog("Auth executing task {} in {} with options {} for user {} (with callback)...",
-                   taskId, bundleId, optionsText(options), user.value_or("(null)"));
+                   taskId, bundleId, optionsText(given), user.value_or("(null)"));
   auto report = [&](const std::string& output) {
-    controller.executeCallback(callbackName, plist::Dictionary{{"output", output}});
-    return Value();
+    relay.executeCallback(caller, name, plist::Dictionary{{"output", output}});
   };
-  Resolved task = resolveTask(controller, taskId, bundleId, options, "Cannot find application");
+  Resolved task = resolveTask(taskId, bundleId, given, "Cannot find application");
   switch (task.failure) {
   case 0:
     break;
@@ -173,10 +225,8 @@ Value authExecuteTaskWithCallback(AppController& controller, const Arguments& a)
   default:
     return report("Error: Task not found.");
   }
-  const plist::Data* encrypted = a.at(4).asData();
-  std::string password = encrypted ? QVEncryption::decryptPassword(*encrypted) : "";
-  QVAuthorization& authorization = QVAuthorization::sharedController(false);
-  if (!authorization.authStartWithUser(user, password)) {
+  QVAuthorization& authorization = services_.authorization;
+  if (!authorization.authStartWithUser(user, passwordFrom(password))) {
     QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
     return report("Error: Unable to authorize. Username and password may be incorrect.");
   }
@@ -185,93 +235,45 @@ Value authExecuteTaskWithCallback(AppController& controller, const Arguments& a)
       authorization.authOutputFromTask(task.executable, task.arguments);
   QVLog::appendLog("Ending authorization...");
   authorization.authEnd();
-  return report(output.value_or(""));
+  report(output.value_or(""));
 }
 
-// The tasks of one application as the admin side lists them, or nothing.
-std::optional<plist::Array> tasksOf(const std::string& bundlePath, const plist::Dictionary& info) {
-  auto file = taskFileOf(bundlePath);
-  const plist::Dictionary& source = file ? *file : info;
-  const Value* tasks = source.find("QVTasks");
-  if (tasks == nullptr) {
+// The application's icon as the admin side lists it: TIFF data, 48 x 48.
+std::optional<plist::Data> TaskOperations::iconOf(const std::string& bundlePath) {
+  auto file = services_.workspace.iconFileForBundle(bundlePath);
+  if (!file) {
     return std::nullopt;
   }
-  if (const plist::Array* list = tasks->asArray()) {
-    return *list;
-  }
-  const plist::Dictionary* old = tasks->asDictionary();
-  if (old == nullptr) {
+  std::error_code ec;
+  auto modified = fs::last_write_time(*file, ec);
+  auto size = ec ? 0 : fs::file_size(*file, ec);
+  if (ec) {
     return std::nullopt;
   }
-  plist::Array converted;
-  for (const auto& [line, description] : *old) {
-    plist::Array command;
-    std::size_t start = 0;
-    for (std::size_t at; (at = line.find(" ### ", start)) != std::string::npos; start = at + 5) {
-      command.push_back(line.substr(start, at - start));
+  {
+    std::lock_guard lock(iconsMutex_);
+    auto found = icons_.find(*file);
+    if (found != icons_.end() && found->second.modified == modified && found->second.size == size) {
+      return found->second.tiff;
     }
-    command.push_back(line.substr(start));
-    converted.push_back(plist::Dictionary{{"description", description}, {"command", command}});
   }
-  return converted;
+  constexpr std::size_t kIconFileLimit = 16 << 20;
+  auto bytes = platform::readFileBytes(*file, kIconFileLimit);
+  auto tiff = bytes ? ImageScaler::shared().scaleImageData(*bytes, 48, 48)
+                    : Expected<plist::Data>(bytes.failure());
+  if (!tiff) {
+    QVLog::appendLog("No icon from {}: {}", *file, tiff.message());
+    return std::nullopt;
+  }
+  std::lock_guard lock(iconsMutex_);
+  icons_[*file] = {modified, size, *tiff};
+  return std::move(*tiff);
 }
 
-// Converted icons by source file. Listing runs the converter once per icon file rather than
-// once per application and call: the generic icon alone serves most bundles.
-class IconCache {
-public:
-  std::optional<plist::Data> tiffOf(const std::string& file) {
-    std::error_code ec;
-    auto modified = fs::last_write_time(file, ec);
-    auto size = ec ? 0 : fs::file_size(file, ec);
-    if (ec) {
-      return std::nullopt;
-    }
-    {
-      std::lock_guard lock(mutex_);
-      auto found = entries_.find(file);
-      if (found != entries_.end() && found->second.modified == modified &&
-          found->second.size == size) {
-        return found->second.tiff;
-      }
-    }
-    constexpr std::size_t kIconFileLimit = 16 << 20;
-    auto bytes = platform::readFileBytes(file, kIconFileLimit);
-    auto tiff = bytes ? ImageScaler::shared().scaleImageData(*bytes, 48, 48)
-                      : Expected<plist::Data>(bytes.failure());
-    if (!tiff) {
-      QVLog::appendLog("No icon from {}: {}", file, tiff.message());
-      return std::nullopt;
-    }
-    std::lock_guard lock(mutex_);
-    entries_[file] = {modified, size, *tiff};
-    return std::move(*tiff);
-  }
-
-private:
-  struct Entry {
-    fs::file_time_type modified;
-    std::uintmax_t size = 0;
-    plist::Data tiff;
-  };
-  std::mutex mutex_;
-  std::map<std::string, Entry> entries_;
-};
-
-// The application's icon as the admin side lists it: TIFF data, 48 × 48.
-std::optional<plist::Data> iconOf(const platform::Workspace& workspace,
-                                  const std::string& bundlePath) {
-  static IconCache cache;
-  auto file = workspace.iconFileForBundle(bundlePath);
-  return file ? cache.tiffOf(*file) : std::nullopt;
-}
-
-Value qvAppTasks(AppController& controller, const Arguments&) {
+plist::Array TaskOperations::qvAppTasks() {
   QVLog::appendLog("Getting Quorvane apps with available tasks...");
-  const QVLocalPaths::Machine& machine = controller.paths().machine();
-  auto workspace = platform::Workspace::forMachine(machine.localRoot, machine.home);
   plist::Array entries;
-  for (const std::string& path : controller.qvApps(std::chrono::seconds(10))) {
+  for (const std::string& path : services_.applications.qvApps(kApplicationScanWait)) {
     auto info = plist::readFile(fs::path(path) / "Contents/Info.plist");
     plist::Dictionary infoDict =
         info && info->asDictionary() ? *info->asDictionary() : plist::Dictionary{};
@@ -283,7 +285,7 @@ Value qvAppTasks(AppController& controller, const Arguments&) {
     const Value* identifier = infoDict.find("CFBundleIdentifier");
     plist::Dictionary entry{{"name", name ? *name : Value()},
                             {"bundleid", identifier ? *identifier : Value()}};
-    if (auto icon = iconOf(workspace, path)) {
+    if (auto icon = iconOf(path)) {
       entry.set("icon", std::move(*icon));
     }
     entry.set("tasks", std::move(*tasks));
@@ -292,45 +294,39 @@ Value qvAppTasks(AppController& controller, const Arguments&) {
   return entries;
 }
 
-} // namespace
+std::optional<std::string> TaskOperations::pathForAppWithBundleID(std::string bundleId) {
+  return services_.applications.pathForAppWithBundleID(bundleId);
+}
 
-void addTaskOperations(OperationTable& table) {
-  table.add("executeTask:bundleID:options:", executeTask);
-  table.add("authExecuteTask:bundleID:options:username:password:", authExecuteTask);
-  table.add("authExecuteTask:bundleID:options:username:password:callback:callbackName:",
-            authExecuteTaskWithCallback);
-  table.add("qvAppTasks", qvAppTasks);
-  table.add("pathForAppWithBundleID:", [](AppController& controller, const Arguments& a) {
-    auto path = pathForAppWithBundleID(controller.paths(), a.string(0));
-    return path ? Value(*path) : Value();
-  });
-  table.add("exePathForAppWithBundleID:", [](AppController& controller, const Arguments& a) {
-    auto path = pathForAppWithBundleID(controller.paths(), a.string(0));
-    return path ? Value(executableOfBundle(*path)) : Value();
-  });
-  table.add("pathForBundleID:inFolder:", [](AppController&, const Arguments& a) {
-    auto path = pathForBundleIDInFolder(a.string(0), a.string(1));
-    return path ? Value(*path) : Value();
-  });
-  table.add("qvAppsInFolder:", [](AppController& controller, const Arguments& a) {
-    plist::Array paths;
-    for (const std::string& path : qvAppsInFolder(controller.paths(), a.string(0))) {
-      paths.push_back(path);
-    }
-    return Value(paths);
-  });
-  table.add("setupIconDict", [](AppController& controller, const Arguments&) {
-    controller.setupIconDict();
-    return Value();
-  });
-  table.add("dictionaryFromData:", [](AppController&, const Arguments& a) {
-    auto value = plist::parse(a.data(0));
-    if (!value || !value->asDictionary()) {
-      QVLog::appendLog("Could not convert data to dictionary");
-      return Value();
-    }
-    return *value;
-  });
+std::optional<std::string> TaskOperations::exePathForAppWithBundleID(std::string bundleId) {
+  auto path = services_.applications.pathForAppWithBundleID(bundleId);
+  return path ? std::optional(executableOfBundle(*path)) : std::nullopt;
+}
+
+std::optional<std::string> TaskOperations::pathForBundleIDInFolder(std::string bundleId,
+                                                                   std::string folder) {
+  return operations::pathForBundleIDInFolder(bundleId, folder);
+}
+
+plist::Array TaskOperations::qvAppsInFolder(std::string folder) {
+  plist::Array paths;
+  for (const std::string& path : operations::qvAppsInFolder(services_.paths, folder)) {
+    paths.push_back(path);
+  }
+  return paths;
+}
+
+void TaskOperations::setupIconDict() {
+  services_.icons.setupIconDict();
+}
+
+Value TaskOperations::dictionaryFromData(plist::Data data) {
+  auto value = plist::parse(data);
+  if (!value || !value->asDictionary()) {
+    QVLog::appendLog("Could not convert data to dictionary");
+    return {};
+  }
+  return *value;
 }
 
 } // namespace kestrin::operations

@@ -54,6 +54,12 @@ public:
   static const ToolTable& shared();
 
   const std::string& path(Tool tool) const { return paths_[static_cast<std::size_t>(tool)]; }
+  // A copy with one tool pointed elsewhere.
+  ToolTable withPath(Tool tool, std::string path) const {
+    ToolTable copy = *this;
+    copy.paths_[static_cast<std::size_t>(tool)] = std::move(path);
+    return copy;
+  }
 
   // Lower-case program name ("chown"), for messages.
   static std::string_view name(Tool tool);

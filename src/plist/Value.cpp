@@ -58,6 +58,11 @@ std::string Date::description() const {
 
 RemoteObject::~RemoteObject() = default;
 
+Value RemoteObject::invokeFrom(const Caller&, const std::string& selector,
+                               std::vector<Value> arguments) {
+  return invoke(selector, std::move(arguments));
+}
+
 // ---- Dictionary
 
 Dictionary::Dictionary(std::initializer_list<Entry> entries) {

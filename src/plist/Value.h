@@ -114,12 +114,22 @@ class Value;
 // kPortTimeoutException when the answer exceeds the connection's reply time limit, and the
 // callee's own exception name and reason when the callee raised one (an unknown selector or a
 // wrong argument arrives as "NSInvalidArgumentException").
+//
+// An object served to peers learns who called through invokeFrom(): the transport passes the
+// caller's address and connection, so that what one caller starts can stay that caller's.
 class RemoteObject {
 public:
+  struct Caller {
+    std::string address;          // the peer's address; "local" for a Unix-domain peer
+    std::uint64_t connection = 0; // the peer's connection; 0 for a call from inside the process
+  };
+
   virtual ~RemoteObject();
   virtual std::string description() const = 0;
   virtual Value invoke(const std::string& selector, std::vector<Value> arguments) = 0;
   virtual bool respondsTo(const std::string& selector) = 0;
+  virtual Value invokeFrom(const Caller& caller, const std::string& selector,
+                           std::vector<Value> arguments);
 };
 using ObjectRef = std::shared_ptr<RemoteObject>;
 

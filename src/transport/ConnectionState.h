@@ -15,6 +15,10 @@
 #include "plist/Value.h"
 #include "transport/remote.capnp.h"
 
+namespace kestrin {
+class WorkerPool;
+}
+
 namespace kestrin::transport {
 
 class CapabilityProxy;
@@ -23,8 +27,10 @@ class CapabilityProxy;
 // proxies. The maps and the timer belong to the loop thread; other threads reach them only
 // inside executor->executeSync. alive and replyTimeout may be read anywhere.
 struct ConnectionState : std::enable_shared_from_this<ConnectionState> {
-  ConnectionState(kj::Own<const kj::Executor> executor, kj::Timer& timer)
-      : executor(kj::mv(executor)), loopThread(std::this_thread::get_id()), timer(&timer) {}
+  ConnectionState(kj::Own<const kj::Executor> executor, kj::Timer& timer, WorkerPool& workers,
+                  plist::RemoteObject::Caller peer)
+      : executor(kj::mv(executor)), loopThread(std::this_thread::get_id()), workers(workers),
+        peer(std::move(peer)), timer(&timer) {}
 
   bool onLoopThread() const { return std::this_thread::get_id() == loopThread; }
 
@@ -33,6 +39,10 @@ struct ConnectionState : std::enable_shared_from_this<ConnectionState> {
   const std::thread::id loopThread;
   std::atomic<bool> alive{true};
   std::atomic<std::int64_t> replyTimeoutMs{0}; // 0: no limit
+  // Where calls of the peer to our objects run.
+  WorkerPool& workers;
+  // Who the peer is, as our objects see their callers.
+  const plist::RemoteObject::Caller peer;
 
   // ---- loop thread only
   kj::Timer* timer;

@@ -14,6 +14,7 @@
 
 #include <cxxabi.h>
 
+#include "foundation/WorkerPool.h"
 #include "support/NamedException.h"
 #include "transport/ValueCodec.h"
 
@@ -22,52 +23,6 @@ namespace kestrin::transport {
 namespace {
 
 std::atomic<std::size_t> workers{0};
-
-// Threads for incoming calls. A call takes an idle thread or, when none is idle, a new one, so
-// that any number of calls may block at once; a thread idle for a while ends. Reusing threads
-// keeps thread creation off the path of every call.
-class WorkerPool {
-public:
-  static WorkerPool& shared() {
-    static WorkerPool* pool = new WorkerPool; // outlives every static that could submit work
-    return *pool;
-  }
-
-  void submit(std::function<void()> task) {
-    std::unique_lock lock(mutex_);
-    if (idle_ > 0) {
-      tasks_.push_back(std::move(task));
-      --idle_;
-      wake_.notify_one();
-      return;
-    }
-    lock.unlock();
-    std::thread([this, task = std::move(task)]() mutable { serve(std::move(task)); }).detach();
-  }
-
-private:
-  static constexpr auto kIdleLimit = std::chrono::seconds(30);
-
-  void serve(std::function<void()> task) {
-    for (;;) {
-      task();
-      task = nullptr;
-      std::unique_lock lock(mutex_);
-      ++idle_;
-      if (!wake_.wait_for(lock, kIdleLimit, [this] { return !tasks_.empty(); })) {
-        --idle_;
-        return;
-      }
-      task = std::move(tasks_.front());
-      tasks_.pop_front();
-    }
-  }
-
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<std::function<void()>> tasks_;
-  std::size_t idle_ = 0; // threads waiting, minus tasks handed to them but not yet taken
-};
 
 struct Outcome {
   // KJ's cross-thread fulfiller synchronises where ThreadSanitizer cannot see; the worker
@@ -98,13 +53,13 @@ std::string typeName(const std::exception& e) {
 // g++ 12's uninitialised-use warning.
 using OutcomePtr = kj::Own<Outcome>;
 
-template <typename Work> kj::Promise<OutcomePtr> onWorker(Work work) {
+template <typename Work> kj::Promise<OutcomePtr> onWorker(WorkerPool& pool, Work work) {
   auto paf = kj::newPromiseAndCrossThreadFulfiller<OutcomePtr>();
   // std::thread needs a copyable callable; the fulfiller is shared to get one.
   auto fulfiller =
       std::make_shared<kj::Own<kj::CrossThreadPromiseFulfiller<OutcomePtr>>>(kj::mv(paf.fulfiller));
   ++workers;
-  WorkerPool::shared().submit([work = std::move(work), fulfiller]() mutable {
+  bool queued = pool.submit([work = std::move(work), fulfiller]() mutable {
     auto outcome = kj::heap<Outcome>();
     try {
       outcome->result = work();
@@ -120,6 +75,10 @@ template <typename Work> kj::Promise<OutcomePtr> onWorker(Work work) {
     (*fulfiller)->fulfill(kj::mv(outcome));
     --workers;
   });
+  if (!queued) {
+    --workers;
+    return KJ_EXCEPTION(DISCONNECTED, "the agent is stopping");
+  }
   return paf.promise.then([](OutcomePtr outcome) {
     (void)outcome->published.load(std::memory_order_acquire);
     return outcome;
@@ -154,38 +113,43 @@ kj::Promise<void> LocalObjectServer::invoke(InvokeContext context) {
   }
   context.releaseParams();
 
-  auto work = [object = object_, selector = std::move(selector),
+  auto work = [object = object_, caller = state->peer, selector = std::move(selector),
                arguments = std::move(arguments)]() mutable {
-    return object->invoke(selector, std::move(arguments));
+    return object->invokeFrom(caller, selector, std::move(arguments));
   };
   std::function<plist::Value()> boxed = std::move(work);
-  return onWorker(std::move(boxed)).then([context, weak = state_](OutcomePtr outcome) mutable {
-    std::shared_ptr<ConnectionState> state = weak.lock();
-    if (!state || !state->alive) {
-      return;
-    }
-    auto results = context.getResults();
-    try {
-      checkSendable({outcome->result});
-      encodeValue(outcome->result, results.initResult(), *state);
-    } catch (const NamedException& e) {
-      outcome->raise(e.name(), e.what());
-      results.initResult().setNull();
-    }
-    if (outcome->raised) {
-      auto raised = results.initRaised();
-      raised.setName(outcome->name);
-      raised.setReason(outcome->reason);
-    }
-  });
+  return onWorker(state->workers, std::move(boxed))
+      .then([context, weak = state_](OutcomePtr outcome) mutable {
+        std::shared_ptr<ConnectionState> state = weak.lock();
+        if (!state || !state->alive) {
+          return;
+        }
+        auto results = context.getResults();
+        try {
+          checkSendable({outcome->result});
+          encodeValue(outcome->result, results.initResult(), *state);
+        } catch (const NamedException& e) {
+          outcome->raise(e.name(), e.what());
+          results.initResult().setNull();
+        }
+        if (outcome->raised) {
+          auto raised = results.initRaised();
+          raised.setName(outcome->name);
+          raised.setReason(outcome->reason);
+        }
+      });
 }
 
 kj::Promise<void> LocalObjectServer::respondsTo(RespondsToContext context) {
+  std::shared_ptr<ConnectionState> state = state_.lock();
+  if (!state || !state->alive) {
+    return KJ_EXCEPTION(DISCONNECTED, "connection closed");
+  }
   std::string selector = context.getParams().getSelector();
   std::function<plist::Value()> work = [object = object_, selector]() {
     return plist::Value(object->respondsTo(selector));
   };
-  return onWorker(std::move(work)).then([context](OutcomePtr outcome) mutable {
+  return onWorker(state->workers, std::move(work)).then([context](OutcomePtr outcome) mutable {
     context.getResults().setResponds(!outcome->raised && outcome->result.asBool().value_or(false));
   });
 }

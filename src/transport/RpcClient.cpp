@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 #include <kj/async-io.h>
 
+#include "foundation/WorkerPool.h"
 #include "transport/ConnectionState.h"
 #include "transport/ValueCodec.h"
 
@@ -22,6 +23,9 @@ struct RpcClient::Impl : kj::TaskSet::ErrorHandler {
   bool stopped = false;                                         // under mutex
   std::shared_ptr<ConnectionState> state;
   plist::ObjectRef root;
+  // Where the server's calls to objects we passed it (callbacks, delegates) run. Declared
+  // before the thread is joined in the destructor, destroyed after it.
+  WorkerPool workers;
 
   void taskFailed(kj::Exception&&) override {}
 
@@ -41,7 +45,8 @@ struct RpcClient::Impl : kj::TaskSet::ErrorHandler {
           timer.timeoutAfter(timeout.count() * kj::MILLISECONDS, kj::mv(connecting))
               .wait(io.waitScope);
 
-      state = std::make_shared<ConnectionState>(kj::getCurrentThreadExecutor().addRef(), timer);
+      state = std::make_shared<ConnectionState>(kj::getCurrentThreadExecutor().addRef(), timer,
+                                                workers, plist::RemoteObject::Caller{address, 0});
       capnp::TwoPartyVatNetwork network(*stream, capnp::rpc::twoparty::Side::CLIENT,
                                         connectionReaderOptions());
       auto rpcSystem = capnp::makeRpcClient(network);

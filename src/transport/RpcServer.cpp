@@ -73,6 +73,13 @@ struct ServerConnection {
   capnp::RpcSystem<capnp::rpc::twoparty::VatId> rpcSystem;
 };
 
+// Connections are numbered across every server of the process, so that a number names one
+// caller even when the service restarts.
+std::uint64_t connectionSerial() {
+  static std::atomic<std::uint64_t> next{1};
+  return next++;
+}
+
 } // namespace
 
 struct RpcServer::Impl : kj::TaskSet::ErrorHandler {
@@ -85,6 +92,7 @@ struct RpcServer::Impl : kj::TaskSet::ErrorHandler {
   // ---- loop thread only
   plist::ObjectRef root;
   Delegate* delegate = nullptr;
+  WorkerPool* workers = nullptr;
   kj::AsyncIoContext* io = nullptr;
   std::map<std::uint64_t, kj::Own<ServerConnection>> connections;
   std::uint64_t nextConnection = 1;
@@ -104,9 +112,10 @@ struct RpcServer::Impl : kj::TaskSet::ErrorHandler {
     if (delegate != nullptr && !delegate->shouldAcceptConnection(peer)) {
       return; // dropping the stream closes it before anything was read
     }
-    auto state = std::make_shared<ConnectionState>(kj::getCurrentThreadExecutor().addRef(),
-                                                   io->provider->getTimer());
     std::uint64_t id = nextConnection++;
+    auto state = std::make_shared<ConnectionState>(
+        kj::getCurrentThreadExecutor().addRef(), io->provider->getTimer(), *workers,
+        plist::RemoteObject::Caller{peer.address, connectionSerial()});
     auto connection = kj::heap<ServerConnection>(kj::mv(stream), state, root);
     auto& network = connection->network;
     connections.emplace(id, kj::mv(connection));
@@ -165,13 +174,15 @@ RpcServer::~RpcServer() {
 }
 
 Expected<std::unique_ptr<RpcServer>> RpcServer::start(platform::FileDescriptor listeningSocket,
-                                                      plist::ObjectRef root, Delegate* delegate) {
+                                                      plist::ObjectRef root, Delegate* delegate,
+                                                      WorkerPool& workers) {
   if (!listeningSocket.valid()) {
     return Failure{"no listening socket"};
   }
   auto impl = std::make_unique<Impl>();
   impl->root = std::move(root);
   impl->delegate = delegate;
+  impl->workers = &workers;
   std::promise<Expected<void>> ready;
   std::future<Expected<void>> started = ready.get_future();
   Impl* raw = impl.get();

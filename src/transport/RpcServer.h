@@ -10,6 +10,10 @@
 #include "plist/Value.h"
 #include "support/Expected.h"
 
+namespace kestrin {
+class WorkerPool;
+}
+
 namespace kestrin::transport {
 
 // Who is knocking: the address of a TCP peer, or the process of a Unix-domain peer.
@@ -21,8 +25,8 @@ struct PeerInfo {
 };
 
 // Serves one root object on a listening socket, from a thread of its own with its own event
-// loop. Every accepted connection gets the root object; every call runs on a worker thread
-// (see LocalObjectServer), so slow calls never hold up other callers.
+// loop. Every accepted connection gets the root object; every call runs on a thread of the
+// given worker pool (see LocalObjectServer), so slow calls never hold up other callers.
 class RpcServer {
 public:
   // Called on the server's thread: keep them short and never stop the server from inside.
@@ -37,9 +41,10 @@ public:
   };
 
   // Takes over a bound and listening TCP or Unix-domain socket. delegate may be null (every
-  // connection accepted) and must outlive the server.
+  // connection accepted); it and workers, where the calls run, must outlive the server.
   static Expected<std::unique_ptr<RpcServer>> start(platform::FileDescriptor listeningSocket,
-                                                    plist::ObjectRef root, Delegate* delegate);
+                                                    plist::ObjectRef root, Delegate* delegate,
+                                                    WorkerPool& workers);
   ~RpcServer();
   RpcServer(const RpcServer&) = delete;
   RpcServer& operator=(const RpcServer&) = delete;

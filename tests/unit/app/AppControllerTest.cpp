@@ -2,11 +2,18 @@
 
 #include <unistd.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "app/MainLoop.h"
+#include "app/QVErrorCallbackObj.h"
+#include "app/StatusItem.h"
 #include "fixtures/AgentProcess.h"
+#include "fixtures/RecordingObject.h"
 #include "fixtures/ThrowawayMachine.h"
+#include "foundation/QVAuthorization.h"
+#include "platform/ManualClock.h"
+#include "platform/ToolTable.h"
 #include "plist/PropertyList.h"
 #include "support/NamedException.h"
 
@@ -14,6 +21,7 @@ namespace kestrin {
 namespace {
 
 using plist::Value;
+using ::testing::ElementsAre;
 using testing::ThrowawayMachine;
 
 TEST(ListeningPort, OnlyAnEnabledCustomPortInsideTheRangeIsUsed) {
@@ -31,8 +39,8 @@ TEST(ListeningPort, OnlyAnEnabledCustomPortInsideTheRangeIsUsed) {
 }
 
 TEST(RegisteredName, NamesOf64CharactersOrMoreAreCutTo63) {
-  EXPECT_EQ(AppController::registeredName(std::string(63, 'a')), std::string(63, 'a'));
-  EXPECT_EQ(AppController::registeredName(std::string(70, 'a')), std::string(63, 'a'));
+  EXPECT_EQ(ListeningEndpoint::registeredName(std::string(63, 'a')), std::string(63, 'a'));
+  EXPECT_EQ(ListeningEndpoint::registeredName(std::string(70, 'a')), std::string(63, 'a'));
 }
 
 class AppControllerTest : public ::testing::Test {
@@ -41,7 +49,10 @@ protected:
       : bundle(machine.makeBundle(machine.root() / "Applications", "Kestrin",
                                   "com.quorvane.Kestrin", "321")) {}
 
-  AppController::Environment environment() { return {machine.paths(), loop, bundle.string()}; }
+  AppController::Environment environment(std::optional<std::string> bundlePath) {
+    return {machine.paths(), loop, std::move(bundlePath), clock, tools, authorization};
+  }
+  AppController::Environment environment() { return environment(bundle.string()); }
   void writePrefs(const plist::Dictionary& dict) {
     auto path = machine.home() / "Library/Preferences/com.quorvane.Kestrin.plist";
     std::filesystem::create_directories(path.parent_path());
@@ -50,18 +61,21 @@ protected:
 
   MainLoop loop;
   ThrowawayMachine machine;
+  platform::ManualClock clock;
+  platform::ToolTable tools;
+  QVAuthorization authorization{{machine.paths(), tools, false}, false};
   std::filesystem::path bundle;
 };
 
 TEST_F(AppControllerTest, StartUpLogsItsStepsAndRecordsTheVersionThatRan) {
   AppController controller(environment());
   ASSERT_TRUE(controller.init());
-  EXPECT_EQ(controller.clientVersion(), "321");
-  EXPECT_EQ(controller.clientVersionString(), "321");
+  EXPECT_EQ(controller.bundle().clientVersion(), "321");
   EXPECT_EQ(controller.objectForPreferenceDictionaryKey("lastRunVersion"), Value("321"));
-  EXPECT_EQ(controller.statusString(),
-            "Listening on port " + std::to_string(controller.listenPortNumber()));
-  EXPECT_EQ(controller.pdoName(), "Kestrin - " + controller.hostName());
+  EXPECT_EQ(controller.statusItem().statusString(),
+            "Listening on port " +
+                std::to_string(controller.listeningEndpoint().listenPortNumber()));
+  EXPECT_EQ(controller.listeningEndpoint().pdoName(), "Kestrin - " + controller.hostName());
 
   std::string log = machine.logText();
   auto at = [&](const char* text) { return log.find(text); };
@@ -97,10 +111,10 @@ TEST_F(AppControllerTest, LoadSettingsRestoresTheUpdateCount) {
 }
 
 TEST_F(AppControllerTest, VersionIsUnknownWithoutABundle) {
-  AppController controller({machine.paths(), loop, std::nullopt});
-  EXPECT_EQ(controller.clientVersion(), "Unknown");
-  EXPECT_EQ(controller.clientVersionString(), "Unknown");
-  EXPECT_TRUE(controller.objectForInfoDictionaryKey("CFBundleIdentifier").isNull());
+  AppController controller(environment(std::nullopt));
+  EXPECT_EQ(controller.bundle().clientVersion(), "Unknown");
+  EXPECT_EQ(controller.bundle().clientVersionString(), "Unknown");
+  EXPECT_TRUE(controller.bundle().objectForInfoDictionaryKey("CFBundleIdentifier").isNull());
 }
 
 TEST_F(AppControllerTest, DisconnectNotificationSparesTheInstanceItNames) {
@@ -150,6 +164,7 @@ TEST_F(AppControllerTest, RootObjectAnswersClearErrorsForUnknownSelectorsAndBadA
   EXPECT_TRUE(root->respondsTo("setErrorCallback:"));
   EXPECT_FALSE(root->respondsTo("setErrorCallback"));
   EXPECT_EQ(root->invoke("clientVersion", {}), Value("321"));
+  EXPECT_EQ(root->invoke("clientVersionString", {}), Value("321"));
   EXPECT_TRUE(root->invoke("ping", {}).isNull());
 }
 
@@ -158,6 +173,9 @@ TEST_F(AppControllerTest, OneReconnectionAtATimeRestartsTheWholeService) {
   ASSERT_TRUE(controller.init());
   controller.reconnectWithTimeInterval(1.0);
   controller.reconnectWithTimeInterval(1.0); // already pending: ignored
+  ASSERT_TRUE(testing::eventually([&] { return controller.timer().pending() > 0; }));
+  EXPECT_FALSE(controller.isConnected());
+  clock.advance(std::chrono::seconds(1));
   // The restarted service logs its port before it counts as connected, so wait for both.
   ASSERT_TRUE(testing::eventually([&] {
     std::string log = machine.logText();
@@ -170,6 +188,24 @@ TEST_F(AppControllerTest, OneReconnectionAtATimeRestartsTheWholeService) {
   auto first = log.find("Reconnecting in 1 seconds...");
   EXPECT_EQ(log.find("Reconnecting in 1 seconds...", first + 1), std::string::npos);
   EXPECT_NE(log.find("Stopping vending...", log.find("Disconnecting...")), std::string::npos);
+}
+
+TEST(QVErrorCallbackObj, ForwardsTheToolsCallsToTheControllerAndSkipsWhatItLacks) {
+  MainLoop loop;
+  auto controller = std::make_shared<testing::RecordingObject>(
+      std::set<std::string>{"postErrorString:", "disconnect"}, "controller");
+  QVErrorCallbackObj forwarder(controller, loop);
+
+  forwarder.invoke("postErrorString:", {Value("Cache volume missing")});
+  forwarder.invoke("postDisconnect", {});
+  forwarder.invoke("incrementRemoteProgress", {}); // the controller lacks it: skipped
+  forwarder.invoke("postError:userInfo:", {});     // likewise, however it was called
+  EXPECT_THAT(controller->selectorsCalled(), ElementsAre("postErrorString:", "disconnect"));
+  EXPECT_THAT(controller->calls()[0].arguments, ElementsAre(Value("Cache volume missing")));
+
+  EXPECT_TRUE(forwarder.respondsTo("postFinishedTask"));
+  EXPECT_FALSE(forwarder.respondsTo("disconnect"));
+  EXPECT_THROW(forwarder.invoke("format:", {Value(1)}), ArgumentError);
 }
 
 } // namespace

@@ -60,7 +60,8 @@ TEST(RpcHostileUnixSocket, RandomBytesLeaveTheServerServing) {
   testing::TempDir dir;
   std::string path = (dir.path() / "hostile.sock").string();
   CountingDelegate delegate;
-  auto server = RpcServer::start(listenUnix(path), std::make_shared<TestRoot>(), &delegate);
+  auto server =
+      RpcServer::start(listenUnix(path), std::make_shared<TestRoot>(), &delegate, testWorkers());
   ASSERT_TRUE(server.ok()) << server.message();
   std::mt19937 random(11);
   for (int i = 0; i < 20; ++i) {

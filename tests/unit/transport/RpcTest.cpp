@@ -176,7 +176,8 @@ TEST(RpcUnixSocket, ServesLocalPeersAndKnowsTheirProcess) {
   testing::TempDir dir;
   std::string path = (dir.path() / "callback.sock").string();
   CountingDelegate delegate;
-  auto server = RpcServer::start(listenUnix(path), std::make_shared<TestRoot>(), &delegate);
+  auto server =
+      RpcServer::start(listenUnix(path), std::make_shared<TestRoot>(), &delegate, testWorkers());
   ASSERT_TRUE(server.ok());
 
   auto client = RpcClient::connectUnix(path, 5s);

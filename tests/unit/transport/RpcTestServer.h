@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "foundation/WorkerPool.h"
 #include "support/NamedException.h"
 #include "transport/RpcClient.h"
 #include "transport/RpcServer.h"
@@ -110,6 +111,12 @@ inline platform::FileDescriptor listenUnix(const std::string& path) {
   return fd;
 }
 
+// Where the test servers' calls run: one pool for the whole test program.
+inline WorkerPool& testWorkers() {
+  static WorkerPool pool;
+  return pool;
+}
+
 struct CountingDelegate : RpcServer::Delegate {
   std::atomic<int> accepted{0};
   std::atomic<int> died{0};
@@ -129,7 +136,7 @@ struct CountingDelegate : RpcServer::Delegate {
 class RpcTest : public ::testing::Test {
 protected:
   void SetUp() override {
-    auto started = RpcServer::start(listenTcp(port), root, &delegate);
+    auto started = RpcServer::start(listenTcp(port), root, &delegate, testWorkers());
     ASSERT_TRUE(started.ok()) << started.message();
     server = std::move(*started);
   }

@@ -1,12 +1,13 @@
-#include "app/ErrorChannel.h"
+#include "operations/ErrorChannel.h"
 
 #include <algorithm>
 #include <chrono>
 
-#include "app/ExceptionGuard.h"
 #include "foundation/QVLog.h"
+#include "foundation/WorkerPool.h"
+#include "operations/ExceptionGuard.h"
 
-namespace kestrin {
+namespace kestrin::operations {
 
 namespace {
 
@@ -145,10 +146,22 @@ void ErrorChannel::incrementRemoteProgress() {
 void ErrorChannel::shouldPostFinishedTaskWithTimeout(double seconds) {
   shouldPostFinishedTask_ = true;
   invalidateTaskFinishTimeoutTimer();
-  auto delay = std::chrono::milliseconds(static_cast<std::int64_t>(std::max(0.0, seconds) * 1000));
-  MainLoop::TimerId timer = environment_.mainLoop.runAfter(delay, [this] { taskFinishTimeout(); });
   std::lock_guard lock(timerMutex_);
-  taskFinishTimeoutTimer_ = timer;
+  std::uint64_t generation = ++deadlineGeneration_;
+  // The deadline's work calls every admin's callback: a worker does it, not the timer. A
+  // deadline replaced or cancelled while its work waited for a worker does nothing.
+  taskFinishTimeoutTimer_ =
+      environment_.timer.runAfter(platform::Clock::seconds(seconds), [this, generation] {
+        environment_.workers.submit([this, generation] {
+          {
+            std::lock_guard lock(timerMutex_);
+            if (generation != deadlineGeneration_) {
+              return;
+            }
+          }
+          taskFinishTimeout();
+        });
+      });
 }
 
 void ErrorChannel::taskFinishTimeout() {
@@ -161,12 +174,13 @@ void ErrorChannel::taskFinishTimeout() {
 }
 
 void ErrorChannel::invalidateTaskFinishTimeoutTimer() {
-  MainLoop::TimerId timer;
+  Timer::Id timer;
   {
     std::lock_guard lock(timerMutex_);
     timer = std::exchange(taskFinishTimeoutTimer_, 0);
+    ++deadlineGeneration_;
   }
-  environment_.mainLoop.cancelTimer(timer);
+  environment_.timer.cancel(timer);
 }
 
 void ErrorChannel::postFinishedTask() {
@@ -212,7 +226,7 @@ void ErrorChannel::decrementTaskThreadCount() {
 }
 
 void ErrorChannel::waitOnProcessing() {
-  if (environment_.mainLoop.isMainThread()) {
+  if (environment_.isMainThread()) {
     QVLog::appendLog("Error: trying to wait on main thread. Aborting...");
     return;
   }
@@ -267,4 +281,4 @@ void ErrorChannel::taskError(const plist::Dictionary& userInfo) {
   });
 }
 
-} // namespace kestrin
+} // namespace kestrin::operations

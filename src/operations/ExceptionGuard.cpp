@@ -1,4 +1,4 @@
-#include "app/ExceptionGuard.h"
+#include "operations/ExceptionGuard.h"
 
 #include "foundation/QVException.h"
 

@@ -10,12 +10,15 @@
 #include <string>
 #include <vector>
 
-#include "app/MainLoop.h"
+#include "foundation/Timer.h"
 #include "plist/Value.h"
 
 namespace kestrin {
-
 class ExceptionGuard;
+class WorkerPool;
+} // namespace kestrin
+
+namespace kestrin::operations {
 
 // The way back to the administration application: the error-callback objects that admins
 // register, the events sent to all of them, the finished-task deadline, the fan-out and join
@@ -31,10 +34,14 @@ class ExceptionGuard;
 class ErrorChannel {
 public:
   struct Environment {
-    MainLoop& mainLoop;
+    Timer& timer;
+    // Runs the finished-task deadline's work, which calls remote objects, off the timer.
+    WorkerPool& workers;
     const ExceptionGuard& guard;
     // The agent's name for itself, the first argument of most events.
     std::function<std::string()> hostName;
+    // Whether the calling thread is the one that must never block (the main thread).
+    std::function<bool()> isMainThread = [] { return false; };
   };
 
   static constexpr const char* kErrorDomain = "ambrantDomain";
@@ -100,7 +107,8 @@ private:
 
   std::atomic<bool> shouldPostFinishedTask_{false};
   std::mutex timerMutex_;
-  MainLoop::TimerId taskFinishTimeoutTimer_ = 0;
+  Timer::Id taskFinishTimeoutTimer_ = 0; // under timerMutex_
+  std::uint64_t deadlineGeneration_ = 0; // under timerMutex_: which deadline is current
 
   std::atomic<bool> processingCancelled_{false};
   mutable std::mutex processingMutex_;
@@ -110,4 +118,4 @@ private:
   plist::Dictionary threadedObjectDict_;
 };
 
-} // namespace kestrin
+} // namespace kestrin::operations

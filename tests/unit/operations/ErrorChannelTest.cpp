@@ -1,4 +1,4 @@
-#include "app/ErrorChannel.h"
+#include "operations/ErrorChannel.h"
 
 #include <chrono>
 #include <thread>
@@ -6,12 +6,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "app/ExceptionGuard.h"
-#include "app/MainLoop.h"
+#include "fixtures/AgentProcess.h"
 #include "fixtures/RecordingObject.h"
 #include "fixtures/ThrowawayMachine.h"
+#include "foundation/WorkerPool.h"
+#include "operations/ExceptionGuard.h"
+#include "platform/ManualClock.h"
 
-namespace kestrin {
+namespace kestrin::operations {
 namespace {
 
 using namespace std::chrono_literals;
@@ -29,17 +31,22 @@ protected:
   }
   bool logged(const std::string& text) { return machine.logText().find(text) != std::string::npos; }
 
-  // Runs the main loop until the delay has passed.
-  void runLoopFor(std::chrono::milliseconds delay) {
-    loop.runAfter(delay, [this] { loop.quit(); });
-    loop.run();
+  // Moves the clock on and waits until what became due has run, deadline and worker alike.
+  void advance(std::chrono::milliseconds by) {
+    clock.advance(by);
+    timer.waitUntilIdle();
+    ASSERT_TRUE(testing::eventually([&] { return workers.backlog() == 0; }));
   }
 
   ThrowawayMachine machine;
-  MainLoop loop;
+  platform::ManualClock clock;
+  Timer timer{clock};
+  WorkerPool workers;
   int reconnects = 0;
   ExceptionGuard guard{[] { return false; }, [this](double) { ++reconnects; }};
-  ErrorChannel channel{{loop, guard, [] { return std::string("studio-4.local."); }}};
+  std::thread::id mainThread = std::this_thread::get_id();
+  ErrorChannel channel{{timer, workers, guard, [] { return std::string("studio-4.local."); },
+                        [this] { return std::this_thread::get_id() == mainThread; }}};
 };
 
 TEST_F(ErrorChannelTest, KeepsOneEntryPerCallbackAndPrunesDeadOnesWhenAnotherRegisters) {
@@ -125,10 +132,10 @@ TEST_F(ErrorChannelTest, FinishedEventIsSentOnceAndOnlyAfterItWasAnnounced) {
   channel.postFinishedTask();
   EXPECT_THAT(cb->selectorsCalled(), IsEmpty());
 
-  channel.shouldPostFinishedTaskWithTimeout(0.05);
+  channel.shouldPostFinishedTaskWithTimeout(300);
   channel.postFinishedTask();
   channel.postFinishedTask();
-  runLoopFor(200ms); // the cancelled deadline must not fire
+  advance(600s); // the cancelled deadline must not fire
   EXPECT_THAT(cb->selectorsCalled(), ElementsAre("taskFinished"));
   EXPECT_FALSE(logged("Task timed out. Finishing..."));
 }
@@ -136,8 +143,13 @@ TEST_F(ErrorChannelTest, FinishedEventIsSentOnceAndOnlyAfterItWasAnnounced) {
 TEST_F(ErrorChannelTest, DeadlineFinishesTheTaskWhenNoToolReportsIt) {
   auto cb = callback();
   channel.setErrorCallback(cb);
-  channel.shouldPostFinishedTaskWithTimeout(0.05);
-  runLoopFor(300ms);
+  channel.shouldPostFinishedTaskWithTimeout(300);
+  advance(299s);
+  EXPECT_THAT(cb->selectorsCalled(), IsEmpty());
+  channel.shouldPostFinishedTaskWithTimeout(300); // a new deadline replaces the first
+  advance(299s);
+  EXPECT_THAT(cb->selectorsCalled(), IsEmpty());
+  advance(1s);
   EXPECT_THAT(cb->selectorsCalled(), ElementsAre("taskFinished"));
   EXPECT_TRUE(logged("Task timed out. Finishing..."));
   channel.postFinishedTask();
@@ -196,12 +208,6 @@ TEST_F(ErrorChannelTest, ToolNotificationsBecomeEvents) {
   EXPECT_TRUE(logged("Task error returned but no error data was found. User info: "));
 }
 
-} // namespace
-} // namespace kestrin
-
-namespace kestrin {
-namespace {
-
 TEST(ExceptionGuard, LogsNamedExceptionsAnswersNeutralAndReconnectsOnlyOnTimeoutsWhileRunning) {
   testing::ThrowawayMachine machine;
   bool quitting = false;
@@ -235,30 +241,4 @@ TEST(ExceptionGuard, LogsNamedExceptionsAnswersNeutralAndReconnectsOnlyOnTimeout
 }
 
 } // namespace
-} // namespace kestrin
-
-#include "app/QVErrorCallbackObj.h"
-
-namespace kestrin {
-namespace {
-
-TEST(QVErrorCallbackObj, ForwardsTheToolsCallsToTheControllerAndSkipsWhatItLacks) {
-  MainLoop loop;
-  auto controller = std::make_shared<testing::RecordingObject>(
-      std::set<std::string>{"postErrorString:", "disconnect"}, "controller");
-  QVErrorCallbackObj forwarder(controller, loop);
-
-  forwarder.invoke("postErrorString:", {Value("Cache volume missing")});
-  forwarder.invoke("postDisconnect", {});
-  forwarder.invoke("incrementRemoteProgress", {}); // the controller lacks it: skipped
-  forwarder.invoke("postError:userInfo:", {});     // likewise, however it was called
-  EXPECT_THAT(controller->selectorsCalled(), ElementsAre("postErrorString:", "disconnect"));
-  EXPECT_THAT(controller->calls()[0].arguments, ElementsAre(Value("Cache volume missing")));
-
-  EXPECT_TRUE(forwarder.respondsTo("postFinishedTask"));
-  EXPECT_FALSE(forwarder.respondsTo("disconnect"));
-  EXPECT_THROW(forwarder.invoke("format:", {Value(1)}), ArgumentError);
-}
-
-} // namespace
-} // namespace kestrin
+} // namespace kestrin::operations

@@ -1,4 +1,4 @@
-#include "app/PreferenceFile.h"
+#include "foundation/PreferenceFile.h"
 
 #include <filesystem>
 

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <memory>
+
+#include "operations/OperationTable.h"
+#include "operations/Services.h"
+
+namespace kestrin::operations {
+
+// Every group of the agent's remote operations, built over the services, and the one table of
+// their selectors. To find an operation, grep for its selector (colons included): it is
+// registered in its group's registerIn.
+class AgentOperations {
+public:
+  explicit AgentOperations(const Services& services);
+  ~AgentOperations();
+  AgentOperations(const AgentOperations&) = delete;
+  AgentOperations& operator=(const AgentOperations&) = delete;
+
+  const OperationTable& table() const { return table_; }
+
+private:
+  struct Groups;
+  std::unique_ptr<Groups> groups_;
+  OperationTable table_;
+};
+
+} // namespace kestrin::operations
