@@ -22,25 +22,31 @@ namespace {
 
 using plist::Value;
 
-std::string passwordFrom(const Value& data) {
+SecretBuffer passwordFrom(const Value& data) {
   const plist::Data* bytes = data.asData();
-  return bytes ? QVEncryption::decryptPassword(*bytes) : "";
+  return bytes ? QVEncryption::decryptPassword(*bytes) : SecretBuffer();
 }
 
-// Null when the credentials open an authorisation, otherwise the error to report (1006).
-Value authWithDict(const plist::Dictionary& credentials) {
+// The session the credentials open; a refusal is logged.
+QVAuthorization::Session authWithDict(const plist::Dictionary& credentials) {
   const Value* user = credentials.find("authUser");
   const Value* pass = credentials.find("authPass");
   std::optional<std::string> name;
   if (user && user->asString()) {
     name = *user->asString();
   }
-  std::string password = pass ? passwordFrom(*pass) : "";
-  if (QVAuthorization::sharedController(false).authStartWithUser(name, password)) {
-    return {};
+  SecretBuffer password = pass ? passwordFrom(*pass) : SecretBuffer();
+  auto session = QVAuthorization::sharedController(false).authStartWithUser(name, password);
+  if (!session.isAuthorized()) {
+    QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
   }
-  QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
-  return plist::ErrorRecord{"ambrantDomain", 1006, {}};
+  return session;
+}
+
+constexpr std::int64_t kRefusedCredentials = 1006;
+
+Value refusedCredentials() {
+  return plist::ErrorRecord{"ambrantDomain", kRefusedCredentials, {}};
 }
 
 bool isWritable(const std::filesystem::path& path) {
@@ -78,31 +84,34 @@ void addCredentialOperations(OperationTable& table) {
   table.add(
       "validateUsername:password:",
       [](AppController&, const Arguments& a) {
-        return Value(QVAuthorization::sharedController(false).authStartWithUser(
-            a.optionalString(0), passwordFrom(a.at(1))));
+        return Value(QVAuthorization::sharedController(false)
+                         .authStartWithUser(a.optionalString(0), passwordFrom(a.at(1)))
+                         .isAuthorized());
       },
       false);
 
   table.add(
       "authWithDict:",
       [](AppController&, const Arguments& a) {
-        return authWithDict(a.optionalDictionary(0).value_or(plist::Dictionary{}));
+        return authWithDict(a.optionalDictionary(0).value_or(plist::Dictionary{})).isAuthorized()
+                   ? Value()
+                   : refusedCredentials();
       },
       Value(plist::ErrorRecord{"ambrantDomain", -1, {}}));
 
   table.add(
       "launchAuthTask:arguments:authInfo:",
       [](AppController& controller, const Arguments& a) {
-        Value refused = authWithDict(a.optionalDictionary(2).value_or(plist::Dictionary{}));
-        if (const plist::ErrorRecord* error = refused.asError()) {
-          controller.errorChannel().postErrorWithCode(error->code, std::nullopt);
-          return refused;
+        auto session = authWithDict(a.optionalDictionary(2).value_or(plist::Dictionary{}));
+        if (!session.isAuthorized()) {
+          controller.errorChannel().postErrorWithCode(kRefusedCredentials, std::nullopt);
+          return refusedCredentials();
         }
         std::vector<std::string> arguments = stringsOf(a.array(1));
         QVLog::appendLog("Executing auth task...");
-        QVAuthorization::sharedController(false).authExecTask(a.string(0), arguments);
+        session.authExecTask(a.string(0), arguments);
         QVLog::appendLog("Ending authorization...");
-        QVAuthorization::sharedController(false).authEnd();
+        session.authEnd();
         return Value();
       },
       Value(plist::ErrorRecord{"ambrantDomain", -1, {}}));

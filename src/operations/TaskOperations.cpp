@@ -128,9 +128,9 @@ Value authExecuteTask(AppController& controller, const Arguments& a) {
     return fail(task.failure, task.info);
   }
   const plist::Data* encrypted = a.at(4).asData();
-  std::string password = encrypted ? QVEncryption::decryptPassword(*encrypted) : "";
-  QVAuthorization& authorization = QVAuthorization::sharedController(false);
-  if (!authorization.authStartWithUser(user, password)) {
+  SecretBuffer password = encrypted ? QVEncryption::decryptPassword(*encrypted) : SecretBuffer();
+  auto authorization = QVAuthorization::sharedController(false).authStartWithUser(user, password);
+  if (!authorization.isAuthorized()) {
     QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
     return fail(1006, std::nullopt);
   }
@@ -174,9 +174,9 @@ Value authExecuteTaskWithCallback(AppController& controller, const Arguments& a)
     return report("Error: Task not found.");
   }
   const plist::Data* encrypted = a.at(4).asData();
-  std::string password = encrypted ? QVEncryption::decryptPassword(*encrypted) : "";
-  QVAuthorization& authorization = QVAuthorization::sharedController(false);
-  if (!authorization.authStartWithUser(user, password)) {
+  SecretBuffer password = encrypted ? QVEncryption::decryptPassword(*encrypted) : SecretBuffer();
+  auto authorization = QVAuthorization::sharedController(false).authStartWithUser(user, password);
+  if (!authorization.isAuthorized()) {
     QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
     return report("Error: Unable to authorize. Username and password may be incorrect.");
   }
