@@ -41,7 +41,8 @@ public:
   static QVAuthorization& sharedController(bool hasGUI = true);
 
   QVAuthorization(Environment environment, bool hasGUI);
-  // Waits for helper runs still in flight (see helperRuns_).
+  // Waits for the asynchronous helper runs that have started; runs still waiting for a thread
+  // are dropped, their credentials wiped.
   ~QVAuthorization();
   QVAuthorization(const QVAuthorization&) = delete;
   QVAuthorization& operator=(const QVAuthorization&) = delete;
