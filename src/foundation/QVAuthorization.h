@@ -104,7 +104,7 @@ public:
   bool authCopyFile(const std::optional<std::string>& from, const std::optional<std::string>& to);
   bool authCreateDir(const std::string& path);
   // 0 on success, -2 when the tool does not exist, -1 without authorisation, otherwise the
-  // helper's refusal status (also for an asynchronous run, which answers 0 once started).
+  // helper's refusal status. An asynchronous run answers 0 once started and logs a refusal.
   int authExecTask(const std::string& tool, const std::vector<std::string>& parameters,
                    bool async = true);
 
