@@ -41,7 +41,9 @@ Installer installer() {
   return Installer({QVLocalPaths::shared(), platform::ToolTable::shared(),
                     bundlePath(QVLocalPaths::shared(), workspace()),
                     [](const std::string& from, const std::string& to) {
-                      return QVAuthorization::sharedController(false).authMoveFile(from, to);
+                      // Set-up's own work: it has rights only when it runs as root.
+                      auto session = QVAuthorization::sharedController(false).authStart();
+                      return session.authMoveFile(from, to);
                     },
                     nullptr});
 }

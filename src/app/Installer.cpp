@@ -2,13 +2,13 @@
 
 #include <cctype>
 #include <filesystem>
-#include <fstream>
 
 #include <unistd.h>
 
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
 #include "foundation/QVTaskEx.h"
+#include "platform/AtomicFile.h"
 #include "platform/ToolTable.h"
 
 namespace kestrin {
@@ -52,9 +52,11 @@ std::string Installer::unitPath() const {
 
 std::string Installer::unitText(const std::string& program, const std::string& workingDirectory) {
   // Restart=on-failure restarts after a non-zero exit or a crash and leaves a clean exit alone;
-  // WantedBy=default.target starts it at every log-in.
+  // WantedBy=default.target starts it at every log-in. ConditionUser=!root keeps root's own
+  // service manager (a console or SSH log-in as root) from starting an agent as root.
   return "[Unit]\n"
          "Description=Kestrin maintenance agent\n"
+         "ConditionUser=!root\n"
          "\n"
          "[Service]\n"
          "Type=simple\n"
@@ -89,24 +91,7 @@ std::optional<std::string> Installer::programPath() const {
 }
 
 bool Installer::writeUnit(const std::string& path, const std::string& text) const {
-  fs::path target(path);
-  fs::path temp = target;
-  temp += ".tmp";
-  {
-    std::ofstream out(temp, std::ios::binary | std::ios::trunc);
-    if (!out || !(out << text) || !out.flush()) {
-      std::error_code ignored;
-      fs::remove(temp, ignored);
-      return false;
-    }
-  }
-  std::error_code ec;
-  fs::rename(temp, target, ec);
-  if (ec) {
-    fs::remove(temp, ec);
-    return false;
-  }
-  return true;
+  return platform::writeFileAtomically(path, text, 0644).ok();
 }
 
 void Installer::setupClient() {

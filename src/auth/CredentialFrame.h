@@ -10,6 +10,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "support/SecretBuffer.h"
+
 // How the agent hands a user name and password to kestrin-auth: one frame on the helper's
 // standard input, never in its arguments or environment (both are visible to other users
 // through /proc).
@@ -32,39 +34,11 @@ inline constexpr std::size_t kMaxUserLength = 256;
 inline constexpr std::size_t kMaxPasswordLength = 1024;
 inline constexpr std::size_t kMaxFrameLength = 1 + 2 + kMaxUserLength + 2 + kMaxPasswordLength;
 
-// Bytes of a secret in fixed storage: it never reallocates, so no stale copy is left in freed
-// heap memory, and it is wiped with explicit_bzero (which the optimiser may not drop) on
-// destruction and on request.
-template <std::size_t Capacity> class SecretBuffer {
+// One frame, in a secret buffer that holds the longest frame: encoding never reallocates.
+class CredentialFrame : public SecretBuffer {
 public:
-  SecretBuffer() = default;
-  ~SecretBuffer() { wipe(); }
-  SecretBuffer(const SecretBuffer&) = delete;
-  SecretBuffer& operator=(const SecretBuffer&) = delete;
-
-  // False (and nothing appended) when the bytes do not fit.
-  bool append(const void* bytes, std::size_t count) {
-    if (count > Capacity - size_) {
-      return false;
-    }
-    std::memcpy(bytes_ + size_, bytes, count);
-    size_ += count;
-    return true;
-  }
-  void wipe() {
-    ::explicit_bzero(bytes_, sizeof bytes_);
-    size_ = 0;
-  }
-  const unsigned char* data() const { return bytes_; }
-  std::size_t size() const { return size_; }
-  bool empty() const { return size_ == 0; }
-
-private:
-  unsigned char bytes_[Capacity] = {};
-  std::size_t size_ = 0;
+  CredentialFrame() : SecretBuffer(kMaxFrameLength) {}
 };
-
-using CredentialFrame = SecretBuffer<kMaxFrameLength>;
 
 // Fills `frame` (wiped first). False when the user name is empty or too long, the password is
 // too long, or either contains a NUL byte; the frame is then left empty.

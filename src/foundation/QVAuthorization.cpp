@@ -1,12 +1,15 @@
 #include "foundation/QVAuthorization.h"
 
+#include <chrono>
 #include <ctime>
 #include <filesystem>
-#include <thread>
+#include <memory>
+#include <utility>
 
 #include <unistd.h>
 
 #include "auth/AuthStatus.h"
+#include "auth/CredentialFrame.h"
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
 #include "foundation/QVTaskEx.h"
@@ -14,8 +17,16 @@
 namespace kestrin {
 
 namespace fs = std::filesystem;
+using Session = QVAuthorization::Session;
 
 namespace {
+
+// Asynchronous helper runs at once; later ones wait for a free thread. Tools with rights are
+// few and an administrator starts them by hand, so the cap is never reached in use.
+constexpr std::size_t kMaxHelperRuns = 16;
+constexpr std::chrono::seconds kHelperThreadIdleTime{5};
+
+constexpr const char* kInvalidCredentials = "Authorization failed. Invalid username or password";
 
 std::string timestamp() {
   std::time_t now = std::time(nullptr);
@@ -49,140 +60,56 @@ QVAuthorization& QVAuthorization::sharedController(bool hasGUI) {
 }
 
 QVAuthorization::QVAuthorization(Environment environment, bool hasGUI)
-    : environment_(std::move(environment)), hasGUI_(hasGUI) {
+    : environment_(std::move(environment)), hasGUI_(hasGUI),
+      helperRuns_(WorkerPool::Limits{kMaxHelperRuns, kHelperThreadIdleTime}) {
   // A root process leaves it unknown, and trashes into the local trash.
   if (!environment_.runningAsRoot) {
     userDirectory_ = environment_.paths.userDirectory();
   }
 }
 
-QVAuthorization::~QVAuthorization() {
-  authEnd();
-}
+QVAuthorization::~QVAuthorization() = default;
 
-bool QVAuthorization::isAuthorized() const {
-  std::lock_guard lock(mutex_);
-  return environment_.runningAsRoot || credentials_ != nullptr;
-}
-
-bool QVAuthorization::authStart() {
-  if (isAuthorized()) {
-    return true;
+Session QVAuthorization::authStart() const {
+  if (environment_.runningAsRoot) {
+    return Session(*this, true, {});
   }
   if (hasGUI_) {
     QVLog::console("Unable to authorize");
   }
-  return false;
+  return Session(*this, false, {});
 }
 
-bool QVAuthorization::authStartWithUser(const std::optional<std::string>& user,
-                                        const std::optional<std::string>& password) {
-  if (environment_.runningAsRoot) {
-    return true;
+Session QVAuthorization::authStartWithUser(const std::optional<std::string>& user,
+                                           const SecretBuffer& password) const {
+  if (!user) {
+    return Session(*this, false, {});
   }
-  if (!user || !password) {
-    return false;
+  auth::CredentialFrame frame;
+  if (!auth::encodeCredentials(*user, password.view(), frame)) {
+    QVLog::appendLogAndPrint(kInvalidCredentials);
+    return Session(*this, false, {});
   }
-  auto frame = std::make_unique<auth::CredentialFrame>();
-  if (!auth::encodeCredentials(*user, *password, *frame)) {
-    QVLog::appendLogAndPrint("Authorization failed. Invalid username or password");
-    return false;
-  }
+  // Asked also when the agent is root: a remote caller gets root's rights only with an
+  // administrator's password, never because of who the agent happens to run as.
   std::vector<std::string> arguments = environment_.helperOptions;
   arguments.emplace_back(auth::kCheckOption);
   int status = QVTaskEx::terminationCodeFromTaskWithInput(
       environment_.tools.path(platform::Tool::KestrinAuth), arguments,
-      {frame->data(), frame->size()});
+      {frame.data(), frame.size()});
   if (status != 0) {
     auto refusal = auth::authStatusFromExit(status);
     if (refusal && auth::refusesCredentials(*refusal)) {
-      QVLog::appendLogAndPrint("Authorization failed. Invalid username or password");
+      QVLog::appendLogAndPrint(kInvalidCredentials);
     } else {
       QVLog::appendLog("Unable to create authRef - error {}", status);
     }
-    return false;
-  }
-  std::lock_guard lock(mutex_);
-  credentials_ = std::move(frame);
-  return true;
-}
-
-void QVAuthorization::authEnd() {
-  std::lock_guard lock(mutex_);
-  credentials_.reset(); // the buffer wipes itself
-}
-
-int QVAuthorization::authExecTask(const std::string& tool,
-                                  const std::vector<std::string>& parameters, bool async) {
-  if (!exists(tool)) {
-    QVLog::console("Unable to execute task: path {} doesn't exist", tool);
-    return -2;
+    return Session(*this, false, {});
   }
   if (environment_.runningAsRoot) {
-    if (async) {
-      QVTaskEx::runTaskAndReturn(tool, parameters);
-    } else {
-      QVTaskEx::runTask(tool, parameters);
-    }
-    return 0;
+    return Session(*this, true, {}); // the tools run here: the frame is wiped unused
   }
-  auto frame = credentialCopy();
-  if (!frame) {
-    return -1;
-  }
-  std::vector<std::string> arguments = helperArguments(tool, parameters);
-  std::string helper = environment_.tools.path(platform::Tool::KestrinAuth);
-  auto run = [helper, arguments, frame] {
-    int status = QVTaskEx::terminationCodeFromTaskWithInput(helper, arguments,
-                                                            {frame->data(), frame->size()});
-    frame->wipe();
-    if (helperRefused(helper, status)) {
-      return status;
-    }
-    return 0; // the program ran; its own status is not the call's
-  };
-  if (async) {
-    std::thread(run).detach();
-    return 0;
-  }
-  return run();
-}
-
-std::optional<std::string>
-QVAuthorization::authOutputFromTask(const std::string& tool,
-                                    const std::vector<std::string>& parameters) {
-  if (!exists(tool)) {
-    QVLog::console("Unable to execute task: path {} doesn't exist", tool);
-    return std::nullopt;
-  }
-  if (environment_.runningAsRoot) {
-    return QVTaskEx::stringFromTask(tool, parameters, StringEncoding::UTF8);
-  }
-  auto frame = credentialCopy();
-  if (!frame) {
-    return std::nullopt;
-  }
-  std::string helper = environment_.tools.path(platform::Tool::KestrinAuth);
-  auto captured = QVTaskEx::capturedFromTaskWithInput(helper, helperArguments(tool, parameters),
-                                                      {frame->data(), frame->size()});
-  frame->wipe();
-  if (!captured || helperRefused(helper, captured->status)) {
-    return std::nullopt;
-  }
-  return QVTaskEx::decode(captured->output, StringEncoding::UTF8);
-}
-
-std::shared_ptr<auth::CredentialFrame> QVAuthorization::credentialCopy() {
-  if (!isAuthorized() && !authStart()) {
-    return nullptr;
-  }
-  auto frame = std::make_shared<auth::CredentialFrame>();
-  std::lock_guard lock(mutex_);
-  if (!credentials_) {
-    return nullptr; // ended meanwhile
-  }
-  frame->append(credentials_->data(), credentials_->size());
-  return frame;
+  return Session(*this, false, std::move(frame));
 }
 
 std::vector<std::string>
@@ -205,7 +132,7 @@ bool QVAuthorization::helperRefused(const std::string& helper, int status) {
     return false;
   }
   if (auth::refusesCredentials(*refusal)) {
-    QVLog::appendLogAndPrint("Authorization failed. Invalid username or password");
+    QVLog::appendLogAndPrint(kInvalidCredentials);
   } else {
     QVLog::appendLog("Privileged execution failed: {}", auth::describe(*refusal));
   }
@@ -220,21 +147,129 @@ bool QVAuthorization::refuseSystemDirectory(const std::string& path, const char*
   return false;
 }
 
-bool QVAuthorization::authRemoveFile(const std::string& path) {
-  if (refuseSystemDirectory(path, "delete path")) {
-    return false;
+// ---- Session
+
+Session::Session(const QVAuthorization& owner, bool direct, SecretBuffer credentials)
+    : owner_(&owner), authorized_(direct || !credentials.empty()), direct_(direct),
+      credentials_(std::move(credentials)) {}
+
+Session::Session(Session&& other) noexcept
+    : owner_(other.owner_), authorized_(std::exchange(other.authorized_, false)),
+      direct_(std::exchange(other.direct_, false)), credentials_(std::move(other.credentials_)) {}
+
+Session& Session::operator=(Session&& other) noexcept {
+  if (this != &other) {
+    owner_ = other.owner_;
+    authorized_ = std::exchange(other.authorized_, false);
+    direct_ = std::exchange(other.direct_, false);
+    credentials_ = std::move(other.credentials_); // wipes what this session held
   }
-  return authExecTask(environment_.tools.path(platform::Tool::Rm), {"-Rdf", path}, false) == 0;
+  return *this;
 }
 
-std::string QVAuthorization::trashDestination(const std::string& path) const {
+Session::~Session() {
+  authEnd();
+}
+
+void Session::authEnd() {
+  credentials_.wipe();
+  authorized_ = false;
+  direct_ = false;
+}
+
+SecretBuffer Session::credentialCopy() const {
+  if (!authorized_) {
+    if (owner_->hasGUI()) {
+      QVLog::console("Unable to authorize");
+    }
+    return {};
+  }
+  SecretBuffer copy(credentials_.size());
+  copy.append(credentials_.data(), credentials_.size());
+  return copy;
+}
+
+int Session::authExecTask(const std::string& tool, const std::vector<std::string>& parameters,
+                          bool async) {
+  if (!exists(tool)) {
+    QVLog::console("Unable to execute task: path {} doesn't exist", tool);
+    return -2;
+  }
+  if (direct_) {
+    if (async) {
+      QVTaskEx::runTaskAndReturn(tool, parameters);
+    } else {
+      QVTaskEx::runTask(tool, parameters);
+    }
+    return 0;
+  }
+  // std::function wants a copyable task; the run's copy of the credentials is shared with
+  // nobody else.
+  auto frame = std::make_shared<SecretBuffer>(credentialCopy());
+  if (frame->empty()) {
+    return -1;
+  }
+  std::vector<std::string> arguments = owner_->helperArguments(tool, parameters);
+  std::string helper = owner_->environment_.tools.path(platform::Tool::KestrinAuth);
+  auto run = [helper, arguments, frame] {
+    int status = QVTaskEx::terminationCodeFromTaskWithInput(helper, arguments,
+                                                            {frame->data(), frame->size()});
+    frame->wipe();
+    if (helperRefused(helper, status)) {
+      return status;
+    }
+    return 0; // the program ran; its own status is not the call's
+  };
+  if (async) {
+    if (!owner_->helperRuns_.submit(run)) {
+      return -1; // the agent is going away
+    }
+    return 0;
+  }
+  return run();
+}
+
+std::optional<std::string> Session::authOutputFromTask(const std::string& tool,
+                                                       const std::vector<std::string>& parameters) {
+  if (!exists(tool)) {
+    QVLog::console("Unable to execute task: path {} doesn't exist", tool);
+    return std::nullopt;
+  }
+  if (direct_) {
+    return QVTaskEx::stringFromTask(tool, parameters, StringEncoding::UTF8);
+  }
+  SecretBuffer frame = credentialCopy();
+  if (frame.empty()) {
+    return std::nullopt;
+  }
+  std::string helper = owner_->environment_.tools.path(platform::Tool::KestrinAuth);
+  auto captured = QVTaskEx::capturedFromTaskWithInput(
+      helper, owner_->helperArguments(tool, parameters), {frame.data(), frame.size()});
+  frame.wipe();
+  if (!captured || helperRefused(helper, captured->status)) {
+    return std::nullopt;
+  }
+  return QVTaskEx::decode(captured->output, StringEncoding::UTF8);
+}
+
+bool Session::authRemoveFile(const std::string& path) {
+  if (owner_->refuseSystemDirectory(path, "delete path")) {
+    return false;
+  }
+  return authExecTask(owner_->environment_.tools.path(platform::Tool::Rm), {"-Rdf", path}, false) ==
+         0;
+}
+
+std::string Session::trashDestination(const std::string& path) const {
+  const Environment& environment = owner_->environment_;
+  const std::optional<std::string>& userDirectory = owner_->userDirectory_;
   fs::path source(path);
   std::string name = source.filename().string();
   fs::path destination;
-  if (environment_.runningAsRoot && userDirectory_) {
-    destination = fs::path(*userDirectory_) / ".Trash" / name;
+  if (environment.runningAsRoot && userDirectory) {
+    destination = fs::path(*userDirectory) / ".Trash" / name;
   } else {
-    destination = fs::path(environment_.paths.trashDirectory().value_or("")) / name;
+    destination = fs::path(environment.paths.trashDirectory().value_or("")) / name;
   }
   if (exists(destination.string())) {
     std::string extension = source.extension().string();
@@ -248,27 +283,27 @@ std::string QVAuthorization::trashDestination(const std::string& path) const {
   return destination.string();
 }
 
-bool QVAuthorization::authTrashFile(const std::string& path, bool deleteOnRootAccount) {
-  if (refuseSystemDirectory(path, "trash path")) {
+bool Session::authTrashFile(const std::string& path, bool deleteOnRootAccount) {
+  if (owner_->refuseSystemDirectory(path, "trash path")) {
     return false;
   }
-  if (!userDirectory_ && deleteOnRootAccount && environment_.runningAsRoot) {
+  if (!owner_->userDirectory_ && deleteOnRootAccount && owner_->environment_.runningAsRoot) {
     return authRemoveFile(path);
   }
   return authMoveFile(path, trashDestination(path));
 }
 
-bool QVAuthorization::authTrashFolderContents(const std::string& path, bool deleteOnRootAccount) {
-  if (refuseSystemDirectory(path, "trash folder contents of path")) {
+bool Session::authTrashFolderContents(const std::string& path, bool deleteOnRootAccount) {
+  if (owner_->refuseSystemDirectory(path, "trash folder contents of path")) {
     return false;
   }
   bool all = true;
   for (const std::string& entry : entriesOf(path)) {
     bool done;
-    if (userDirectory_ || !environment_.runningAsRoot || !deleteOnRootAccount) {
+    if (owner_->userDirectory_ || !owner_->environment_.runningAsRoot || !deleteOnRootAccount) {
       done = authTrashFile(entry);
     } else {
-      done = authExecTask(environment_.tools.path(platform::Tool::Rm), {"-R", "-f", entry},
+      done = authExecTask(owner_->environment_.tools.path(platform::Tool::Rm), {"-R", "-f", entry},
                           false) == 0;
     }
     all = all && done;
@@ -276,8 +311,8 @@ bool QVAuthorization::authTrashFolderContents(const std::string& path, bool dele
   return all;
 }
 
-bool QVAuthorization::authMoveFile(const std::optional<std::string>& from,
-                                   const std::optional<std::string>& to) {
+bool Session::authMoveFile(const std::optional<std::string>& from,
+                           const std::optional<std::string>& to) {
   if (!from) {
     QVLog::appendLog("Error in authMoveFile: old path is null");
   }
@@ -287,17 +322,18 @@ bool QVAuthorization::authMoveFile(const std::optional<std::string>& from,
   if (!from || !to) {
     return false;
   }
-  if (refuseSystemDirectory(*from, "move path")) {
+  if (owner_->refuseSystemDirectory(*from, "move path")) {
     return false;
   }
   if (!exists(*from)) {
     return false;
   }
-  return authExecTask(environment_.tools.path(platform::Tool::Mv), {"-f", *from, *to}, false) == 0;
+  return authExecTask(owner_->environment_.tools.path(platform::Tool::Mv), {"-f", *from, *to},
+                      false) == 0;
 }
 
-bool QVAuthorization::authMoveFolderContents(const std::string& from, const std::string& to) {
-  if (refuseSystemDirectory(from, "move contents of path")) {
+bool Session::authMoveFolderContents(const std::string& from, const std::string& to) {
+  if (owner_->refuseSystemDirectory(from, "move contents of path")) {
     return false;
   }
   for (const std::string& entry : entriesOf(from)) {
@@ -308,8 +344,8 @@ bool QVAuthorization::authMoveFolderContents(const std::string& from, const std:
   return true;
 }
 
-bool QVAuthorization::authCopyFile(const std::optional<std::string>& from,
-                                   const std::optional<std::string>& to) {
+bool Session::authCopyFile(const std::optional<std::string>& from,
+                           const std::optional<std::string>& to) {
   if (!from) {
     QVLog::appendLog("Error in authCopyFile: old path is null");
   }
@@ -320,13 +356,13 @@ bool QVAuthorization::authCopyFile(const std::optional<std::string>& from,
     return false;
   }
   // As root the copy is only started: it answers true whatever the copy does later.
-  return authExecTask(environment_.tools.path(platform::Tool::Cp), {"-f", "-p", "-R", *from, *to},
-                      environment_.runningAsRoot) == 0;
+  return authExecTask(owner_->environment_.tools.path(platform::Tool::Cp),
+                      {"-f", "-p", "-R", *from, *to}, direct_) == 0;
 }
 
-bool QVAuthorization::authCreateDir(const std::string& path) {
-  return authExecTask(environment_.tools.path(platform::Tool::Mkdir), {"-p", path},
-                      environment_.runningAsRoot) == 0;
+bool Session::authCreateDir(const std::string& path) {
+  return authExecTask(owner_->environment_.tools.path(platform::Tool::Mkdir), {"-p", path},
+                      direct_) == 0;
 }
 
 } // namespace kestrin

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include <openssl/evp.h>
+#include <string.h>
 
 namespace kestrin {
 
@@ -49,6 +50,27 @@ bool isSpace(unsigned char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
 }
 
+bool isUtf8(std::string_view text) {
+  for (std::size_t i = 0; i < text.size();) {
+    unsigned char c = static_cast<unsigned char>(text[i]);
+    std::size_t length = c < 0x80         ? 1
+                         : (c >> 5) == 6  ? 2
+                         : (c >> 4) == 14 ? 3
+                         : (c >> 3) == 30 ? 4
+                                          : 0;
+    if (length == 0 || i + length > text.size()) {
+      return false;
+    }
+    for (std::size_t k = 1; k < length; ++k) {
+      if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) {
+        return false;
+      }
+    }
+    i += length;
+  }
+  return true;
+}
+
 } // namespace
 
 plist::Data QVEncryption::AESEncryptData(const plist::Data& data, std::string_view passphrase) {
@@ -87,36 +109,37 @@ plist::Data QVEncryption::encryptPassword(std::string_view password) {
   return AESEncryptData(plist::Data(password.begin(), password.end()), kPasscode);
 }
 
-std::string QVEncryption::decryptPassword(const plist::Data& data) {
+SecretBuffer QVEncryption::decryptPassword(const plist::Data& data) {
   if (data.empty()) {
-    return "";
+    return {};
   }
-  plist::Data plain = AESDecryptData(data, kPasscode);
-  std::string text(plain.begin(), plain.end());
-  // Undecodable text counts as no password.
-  for (std::size_t i = 0; i < text.size();) {
-    unsigned char c = static_cast<unsigned char>(text[i]);
-    std::size_t length = c < 0x80         ? 1
-                         : (c >> 5) == 6  ? 2
-                         : (c >> 4) == 14 ? 3
-                         : (c >> 3) == 30 ? 4
-                                          : 0;
-    if (length == 0 || i + length > text.size()) {
-      return "";
-    }
-    for (std::size_t k = 1; k < length; ++k) {
-      if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) {
-        return "";
-      }
-    }
-    i += length;
+  // Decrypted straight into the buffer: AESDecryptData's answer would leave the plain text in
+  // a vector nobody wipes.
+  BlockCipher cipher(keyFor(kPasscode), false);
+  SecretBuffer plain((data.size() + kBlock - 1) / kBlock * kBlock);
+  std::array<unsigned char, kBlock> block{};
+  std::array<unsigned char, kBlock> decrypted{};
+  for (std::size_t at = 0; at < data.size(); at += kBlock) {
+    std::size_t n = std::min(kBlock, data.size() - at);
+    std::copy_n(data.begin() + static_cast<long>(at), n, block.begin());
+    cipher.process(block.data(), decrypted.data());
+    plain.append(decrypted.data(), decrypted.size());
   }
-  auto first = std::find_if_not(text.begin(), text.end(),
-                                [](char c) { return isSpace(static_cast<unsigned char>(c)); });
-  auto last = std::find_if_not(text.rbegin(), text.rend(), [](char c) {
-                return isSpace(static_cast<unsigned char>(c));
-              }).base();
-  return first < last ? std::string(first, last) : "";
+  ::explicit_bzero(decrypted.data(), decrypted.size());
+  if (!isUtf8(plain.view())) {
+    return {}; // undecodable text counts as no password
+  }
+  std::string_view text = plain.view();
+  std::size_t first = 0;
+  std::size_t last = text.size();
+  while (first < last && isSpace(static_cast<unsigned char>(text[first]))) {
+    ++first;
+  }
+  while (last > first && isSpace(static_cast<unsigned char>(text[last - 1]))) {
+    --last;
+  }
+  plain.keep(first, last - first);
+  return plain;
 }
 
 } // namespace kestrin

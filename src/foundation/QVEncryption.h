@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "plist/Value.h"
+#include "support/SecretBuffer.h"
 
 namespace kestrin {
 
@@ -18,10 +19,11 @@ public:
   static plist::Data AESEncryptData(const plist::Data& data, std::string_view passphrase);
   static plist::Data AESDecryptData(const plist::Data& data, std::string_view passphrase);
 
-  // A password as the admin side sends it, and back: decrypted under the passcode, decoded as
-  // UTF-8 and trimmed of white space and line ends ("" when empty or undecodable).
+  // A password as the admin side sends it, and back: decrypted under the passcode, checked as
+  // UTF-8 and trimmed of white space and line ends (empty when empty or undecodable). The
+  // plain text only ever exists in the answered buffer, which wipes itself.
   static plist::Data encryptPassword(std::string_view password);
-  static std::string decryptPassword(const plist::Data& data);
+  static SecretBuffer decryptPassword(const plist::Data& data);
 };
 
 } // namespace kestrin

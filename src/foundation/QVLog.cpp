@@ -17,6 +17,7 @@
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVSysInfo.h"
 #include "foundation/SerialQueue.h"
+#include "platform/AtomicFile.h"
 #include "platform/SystemFacts.h"
 #include "platform/Workspace.h"
 #include "plist/PropertyList.h"
@@ -99,23 +100,6 @@ bool disabledBySettings(const std::string& globalPrefsPath) {
   }
   auto number = flag->numberValue();
   return number && *number == 1.0;
-}
-
-// An empty file written through a temporary in the same folder and a rename, so the path never
-// holds a half-made file. Answers the error's description on failure.
-std::optional<std::string> createEmptyFileAtomically(const std::string& path) {
-  std::string temp = path + ".XXXXXX";
-  int fd = ::mkostemp(temp.data(), O_CLOEXEC);
-  if (fd < 0) {
-    return std::string(std::strerror(errno));
-  }
-  ::fchmod(fd, 0644);
-  if (::close(fd) != 0 || ::rename(temp.c_str(), path.c_str()) != 0) {
-    std::string error = std::strerror(errno);
-    ::unlink(temp.c_str());
-    return error;
-  }
-  return std::nullopt;
 }
 
 } // namespace
@@ -220,8 +204,9 @@ void QVLog::Impl::newLog(const std::optional<std::string>& name) {
       }
     }
 
-    if (auto failure = createEmptyFileAtomically(current)) {
-      console("Unable to create log file {} - {}\n", current, *failure);
+    // Through a temporary and a rename, so the path never holds a half-made file.
+    if (auto created = platform::writeFileAtomically(current, std::string_view(), 0644); !created) {
+      console("Unable to create log file {} - {}\n", current, created.message());
       return;
     }
     fd = ::open(current.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);

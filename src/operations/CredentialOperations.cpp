@@ -17,9 +17,13 @@ namespace {
 
 using plist::Value;
 
-std::string passwordFrom(const Value& data) {
+SecretBuffer passwordFrom(const Value& data) {
   const plist::Data* bytes = data.asData();
-  return bytes ? QVEncryption::decryptPassword(*bytes) : "";
+  return bytes ? QVEncryption::decryptPassword(*bytes) : SecretBuffer();
+}
+
+plist::ErrorRecord refusedCredentials() {
+  return {ErrorChannel::kErrorDomain, 1006, {}};
 }
 
 bool isWritable(const std::filesystem::path& path) {
@@ -64,35 +68,40 @@ void CredentialOperations::registerIn(OperationTable& table) {
 }
 
 bool CredentialOperations::validateUsername(std::optional<std::string> user, Value password) {
-  return authorization_.authStartWithUser(user, passwordFrom(password));
+  return authorization_.authStartWithUser(user, passwordFrom(password)).isAuthorized();
 }
 
-Value CredentialOperations::authWithDict(std::optional<plist::Dictionary> credentials) {
-  plist::Dictionary given = credentials.value_or(plist::Dictionary{});
-  const Value* user = given.find("authUser");
-  const Value* pass = given.find("authPass");
+QVAuthorization::Session
+CredentialOperations::sessionFor(const std::optional<plist::Dictionary>& credentials) {
+  const Value* user = credentials ? credentials->find("authUser") : nullptr;
+  const Value* pass = credentials ? credentials->find("authPass") : nullptr;
   std::optional<std::string> name;
   if (user && user->asString()) {
     name = *user->asString();
   }
-  if (authorization_.authStartWithUser(name, pass ? passwordFrom(*pass) : "")) {
-    return {};
+  auto session =
+      authorization_.authStartWithUser(name, pass ? passwordFrom(*pass) : SecretBuffer());
+  if (!session.isAuthorized()) {
+    QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
   }
-  QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
-  return plist::ErrorRecord{ErrorChannel::kErrorDomain, 1006, {}};
+  return session;
+}
+
+Value CredentialOperations::authWithDict(std::optional<plist::Dictionary> credentials) {
+  return sessionFor(credentials).isAuthorized() ? Value() : Value(refusedCredentials());
 }
 
 Value CredentialOperations::launchAuthTask(std::string tool, plist::Array arguments,
                                            std::optional<plist::Dictionary> credentials) {
-  Value refused = authWithDict(std::move(credentials));
-  if (const plist::ErrorRecord* error = refused.asError()) {
-    channel_.postErrorWithCode(error->code, std::nullopt);
-    return refused;
+  auto session = sessionFor(credentials);
+  if (!session.isAuthorized()) {
+    channel_.postErrorWithCode(refusedCredentials().code, std::nullopt);
+    return refusedCredentials();
   }
   QVLog::appendLog("Executing auth task...");
-  authorization_.authExecTask(tool, stringsOf(arguments));
+  session.authExecTask(tool, stringsOf(arguments));
   QVLog::appendLog("Ending authorization...");
-  authorization_.authEnd();
+  session.authEnd();
   return {};
 }
 

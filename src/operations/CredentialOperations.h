@@ -3,13 +3,10 @@
 #include <optional>
 #include <string>
 
+#include "foundation/QVAuthorization.h"
 #include "operations/ErrorChannel.h"
 #include "operations/OperationTable.h"
 #include "plist/Value.h"
-
-namespace kestrin {
-class QVAuthorization;
-}
 
 namespace kestrin::operations {
 
@@ -30,6 +27,9 @@ public:
   plist::Array stripComponents(plist::Array base, plist::Array path);
 
 private:
+  // The session the credentials open; a refusal is logged.
+  QVAuthorization::Session sessionFor(const std::optional<plist::Dictionary>& credentials);
+
   QVAuthorization& authorization_;
   ErrorChannel& channel_;
 };

@@ -37,9 +37,9 @@ std::string optionsText(const plist::Array& options) {
   return plist::describe(Value(options));
 }
 
-std::string passwordFrom(const Value& data) {
+SecretBuffer passwordFrom(const Value& data) {
   const plist::Data* bytes = data.asData();
-  return bytes ? QVEncryption::decryptPassword(*bytes) : "";
+  return bytes ? QVEncryption::decryptPassword(*bytes) : SecretBuffer();
 }
 
 // The tasks of one application as the admin side lists them, or nothing.
@@ -180,8 +180,8 @@ void TaskOperations::authExecuteTask(std::string taskId, std::string bundleId,
   if (task.failure != 0) {
     return fail(task.failure, task.info);
   }
-  QVAuthorization& authorization = services_.authorization;
-  if (!authorization.authStartWithUser(user, passwordFrom(password))) {
+  auto authorization = services_.authorization.authStartWithUser(user, passwordFrom(password));
+  if (!authorization.isAuthorized()) {
     QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
     return fail(1006, std::nullopt);
   }
@@ -225,8 +225,8 @@ void TaskOperations::authExecuteTaskWithCallback(const Caller& caller, std::stri
   default:
     return report("Error: Task not found.");
   }
-  QVAuthorization& authorization = services_.authorization;
-  if (!authorization.authStartWithUser(user, passwordFrom(password))) {
+  auto authorization = services_.authorization.authStartWithUser(user, passwordFrom(password));
+  if (!authorization.isAuthorized()) {
     QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
     return report("Error: Unable to authorize. Username and password may be incorrect.");
   }

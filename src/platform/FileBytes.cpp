@@ -7,6 +7,8 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include "platform/AtomicFile.h"
+
 namespace kestrin::platform {
 
 Expected<plist::Data> readFileBytes(const std::string& path, std::size_t limit) {
@@ -32,20 +34,10 @@ Expected<std::string> writeTemporaryFile(const std::string& folder, const plist:
   if (fd < 0) {
     return Failure{folder + ": " + std::strerror(errno)};
   }
-  std::size_t written = 0;
-  while (written < bytes.size()) {
-    ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n <= 0) {
-      // A write of nothing sets no errno; say so rather than repeat an older error.
-      std::string reason = n < 0 ? std::strerror(errno) : "nothing was written";
-      ::close(fd);
-      ::unlink(path.c_str());
-      return Failure{path + ": " + reason};
-    }
-    written += static_cast<std::size_t>(n);
+  if (auto written = writeAll(fd, bytes, path); !written) {
+    ::close(fd);
+    ::unlink(path.c_str());
+    return written.failure();
   }
   ::close(fd);
   return path;

@@ -10,12 +10,9 @@
 #include <limits>
 #include <memory>
 
-#include <fcntl.h>
 #include <plist/plist.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include "support/Syscall.h"
+#include "platform/AtomicFile.h"
 
 namespace kestrin::plist {
 
@@ -964,58 +961,20 @@ Expected<Value> readFile(const std::filesystem::path& path) {
 }
 
 Expected<void> writeFile(const std::filesystem::path& path, const Value& value, Format format) {
-  std::string bytes;
+  // Settings files are read by the user's other tools too.
+  constexpr mode_t kMode = 0644;
   if (format == Format::Xml) {
     auto xml = toXml(value);
     if (!xml) {
       return xml.failure();
     }
-    bytes = std::move(xml).value();
-  } else {
-    auto bin = toBinary(value);
-    if (!bin) {
-      return bin.failure();
-    }
-    bytes.assign(bin->begin(), bin->end());
+    return platform::writeFileAtomically(path, *xml, kMode);
   }
-
-  std::string temp = path.string() + ".XXXXXX";
-  int fd = mkostemp(temp.data(), O_CLOEXEC);
-  if (fd < 0) {
-    return Failure{errnoMessage("cannot create " + temp)};
+  auto bin = toBinary(value);
+  if (!bin) {
+    return bin.failure();
   }
-  auto fail = [&](const std::string& what) {
-    Failure failure{errnoMessage(what)};
-    ::close(fd);
-    ::unlink(temp.c_str());
-    return failure;
-  };
-  // mkostemp creates the file 0600; settings files are read by the user's other tools too.
-  if (::fchmod(fd, 0644) != 0) {
-    return fail("cannot set the mode of " + temp);
-  }
-  std::size_t written = 0;
-  while (written < bytes.size()) {
-    ssize_t n =
-        retryOnEintr([&] { return ::write(fd, bytes.data() + written, bytes.size() - written); });
-    if (n < 0) {
-      return fail("cannot write " + temp);
-    }
-    written += static_cast<std::size_t>(n);
-  }
-  if (::fsync(fd) != 0) {
-    return fail("cannot flush " + temp);
-  }
-  if (::close(fd) != 0) {
-    ::unlink(temp.c_str());
-    return Failure{errnoMessage("cannot close " + temp)};
-  }
-  if (::rename(temp.c_str(), path.c_str()) != 0) {
-    Failure failure{errnoMessage("cannot replace " + path.string())};
-    ::unlink(temp.c_str());
-    return failure;
-  }
-  return {};
+  return platform::writeFileAtomically(path, *bin, kMode);
 }
 
 } // namespace kestrin::plist

@@ -54,6 +54,8 @@ TEST_F(InstallerTest, SetupWritesTheUnitProtectsItAndEnablesIt) {
   std::string text = readText(unit);
   EXPECT_NE(text.find("ExecStart=" + exe + "\n"), std::string::npos);
   EXPECT_NE(text.find("Restart=on-failure\n"), std::string::npos);
+  EXPECT_NE(text.find("[Unit]\nDescription=Kestrin maintenance agent\nConditionUser=!root\n"),
+            std::string::npos);
   EXPECT_NE(text.find("WantedBy=default.target\n"), std::string::npos);
 
   std::string helper = (bundle / "Contents/MacOS/kestrin-auth").string();

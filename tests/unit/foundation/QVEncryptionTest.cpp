@@ -84,14 +84,24 @@ TEST(QVEncryption, ANonAsciiPassphraseIsCutAfterItsThirtySecondByte) {
 }
 
 TEST(QVEncryption, PasswordsRoundTripTrimmedAndBadTextCountsAsEmpty) {
-  EXPECT_EQ(QVEncryption::decryptPassword(QVEncryption::encryptPassword("s3cret\n\n ")), "s3cret");
-  EXPECT_EQ(QVEncryption::decryptPassword(QVEncryption::encryptPassword("  pass word\t")),
-            "pass word");
-  EXPECT_EQ(QVEncryption::decryptPassword(QVEncryption::encryptPassword("pässwörd")), "pässwörd");
-  EXPECT_EQ(QVEncryption::decryptPassword({}), "");
-  EXPECT_EQ(QVEncryption::decryptPassword(
-                QVEncryption::AESEncryptData(plist::Data{0xff, 0xfe}, QVEncryption::kPasscode)),
-            "");
+  auto decrypted = [](std::string_view password) {
+    return std::string(
+        QVEncryption::decryptPassword(QVEncryption::encryptPassword(password)).view());
+  };
+  EXPECT_EQ(decrypted("s3cret\n\n "), "s3cret");
+  EXPECT_EQ(decrypted("pässwörd"), "pässwörd");
+  EXPECT_TRUE(QVEncryption::decryptPassword({}).empty());
+  EXPECT_TRUE(QVEncryption::decryptPassword(
+                  QVEncryption::AESEncryptData(plist::Data{0xff, 0xfe}, QVEncryption::kPasscode))
+                  .empty());
+
+  // What trimming cut off (and the padding) is wiped, not left behind the text.
+  SecretBuffer trimmed =
+      QVEncryption::decryptPassword(QVEncryption::encryptPassword("  pass word\t"));
+  EXPECT_EQ(trimmed.view(), "pass word");
+  ASSERT_EQ(trimmed.capacity(), 16u);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(trimmed.data()) + 9, 7),
+            std::string(7, '\0'));
 }
 
 } // namespace
