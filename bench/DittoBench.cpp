@@ -113,8 +113,9 @@ void run(benchmark::State& state, const std::string& program,
     }
   }
   std::error_code ec;
-  auto size = fs::is_regular_file(output, ec) ? fs::file_size(output, ec) : 0;
-  state.counters["archive_MiB"] = static_cast<double>(size) / (1 << 20);
+  if (fs::is_regular_file(output, ec)) {
+    state.counters["archive_MiB"] = static_cast<double>(fs::file_size(output, ec)) / (1 << 20);
+  }
   fs::remove_all(output);
   state.SetBytesProcessed(state.iterations() * corpus().bytes());
 }
