@@ -27,6 +27,7 @@ enum class Tool {
   Killall,      // stopping processes by name (software update, force quit)
   Qmasterprefs, // the render-cluster preferences tool
   Gm,           // GraphicsMagick: icons scaled to TIFF, out of the agent's process
+  Ditto,        // zip archives, written and unpacked out of the agent's process; in the bundle
   KestrinAuth,  // the setuid helper for administrator rights, beside the agent's executable
 };
 

@@ -18,14 +18,17 @@ TEST(ToolTable, DefaultsAreTheDebianPaths) {
   EXPECT_EQ(table.path(Tool::Touch), "/usr/bin/touch");
   for (std::size_t i = 0; i < kToolCount; ++i) {
     auto tool = static_cast<Tool>(i);
-    if (tool != Tool::KestrinAuth) {
+    if (tool != Tool::KestrinAuth && tool != Tool::Ditto) {
       EXPECT_EQ(table.path(tool), ToolTable::defaultPath(tool));
     }
     EXPECT_EQ(table.path(tool).front(), '/') << ToolTable::name(tool);
   }
-  // The helper is found beside the running program, as it is installed in the bundle.
-  EXPECT_EQ(std::filesystem::path(table.path(Tool::KestrinAuth)).parent_path(),
-            std::filesystem::read_symlink("/proc/self/exe").parent_path());
+  // The helper and ditto are found beside the running program, as they are installed in the
+  // bundle.
+  for (Tool inBundle : {Tool::KestrinAuth, Tool::Ditto}) {
+    EXPECT_EQ(std::filesystem::path(table.path(inBundle)).parent_path(),
+              std::filesystem::read_symlink("/proc/self/exe").parent_path());
+  }
 }
 
 TEST(ToolTable, ExplicitEntriesReplaceOnlyTheToolsTheyName) {
