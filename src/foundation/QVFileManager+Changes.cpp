@@ -60,8 +60,8 @@ std::string stampedName(const std::string& name, const plist::Date& now) {
 template <typename EndState>
 bool QVFileManager::pollUntil(const Environment& environment, Timeout timeout,
                               EndState&& endState) {
-  // The main thread runs the event loop and never calls here: every caller is a worker, which
-  // waits in the steps a worker always has.
+  // Callers are worker threads (the main thread runs the event loop and never calls here), so
+  // the wait is a worker's 0.3-second step, on the clock.
   constexpr auto kStep = 300ms;
   const auto start = environment.clock.now();
   while (!endState() && environment.clock.now() - start < timeout) {

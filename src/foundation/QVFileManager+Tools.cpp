@@ -109,10 +109,6 @@ void QVFileManager::waitForFileCreation(const std::string& path, Timeout timeout
   }
 }
 
-void QVFileManager::waitForFileCreation(const std::string& path, Timeout timeout) {
-  waitForFileCreation(path, timeout, platform::Clock::system());
-}
-
 void QVFileManager::waitForFileWrites(const std::string& path,
                                       const std::optional<std::string>& lockFile,
                                       const platform::Clock& clock) {
@@ -134,11 +130,6 @@ void QVFileManager::waitForFileWrites(const std::string& path,
     clock.sleepFor(500us);
   } while (beingWritten(modificationDate(path)));
   QVLog::appendLog("File {} finished writing.", printable(path));
-}
-
-void QVFileManager::waitForFileWrites(const std::string& path,
-                                      const std::optional<std::string>& lockFile) {
-  waitForFileWrites(path, lockFile, platform::Clock::system());
 }
 
 } // namespace kestrin

@@ -11,6 +11,7 @@
 
 #include "foundation/DigestContext.h"
 #include "foundation/QVTaskEx.h"
+#include "platform/Clock.h"
 #include "plist/Value.h"
 
 namespace kestrin {
@@ -18,7 +19,6 @@ namespace kestrin {
 class QVAuthorization;
 class QVLocalPaths;
 namespace platform {
-class Clock;
 class ToolTable;
 } // namespace platform
 
@@ -273,16 +273,14 @@ public:
   // Looks once: a file that is missing or empty is logged as not yet created and waited for
   // 500 microseconds. Only once, whatever the timeout: callers rely on the brief pause.
   static void waitForFileCreation(const std::string& path, Timeout timeout,
-                                  const platform::Clock& clock);
-  static void waitForFileCreation(const std::string& path, Timeout timeout);
+                                  const platform::Clock& clock = platform::Clock::system());
   // Waits, in 500-microsecond steps, while the file was modified less than 4 seconds ago (or
   // was not, but lockFile exists beside it), logging the start and the end of the wait. A file
   // that disappears ends the wait; a date more than 4 seconds ahead is a skewed clock, not a
   // writer, and is not waited for.
-  static void waitForFileWrites(const std::string& path, const std::optional<std::string>& lockFile,
-                                const platform::Clock& clock);
   static void waitForFileWrites(const std::string& path,
-                                const std::optional<std::string>& lockFile = std::nullopt);
+                                const std::optional<std::string>& lockFile = std::nullopt,
+                                const platform::Clock& clock = platform::Clock::system());
   // Finish a copy of a running digest: lower-case hexadecimal, 32 and 40 characters.
   static std::string md5HashWithContext(Md5Context context);
   static std::string sha1HashWithContext(Sha1Context context);
