@@ -191,6 +191,26 @@ void copyUserAttributes(int in, int out) {
   }
 }
 
+// Whether the folder open at `folder` is the item (device, inode) or lies somewhere inside it:
+// climbs ".." up to the root.
+bool isWithin(int folder, dev_t device, ino_t inode) {
+  FileDescriptor current(::fcntl(folder, F_DUPFD_CLOEXEC, 0));
+  struct stat status {};
+  while (current && ::fstat(current.get(), &status) == 0) {
+    if (status.st_dev == device && status.st_ino == inode) {
+      return true;
+    }
+    FileDescriptor parent = openFolderAt(current.get(), "..");
+    struct stat above {};
+    if (!parent || ::fstat(parent.get(), &above) != 0 ||
+        (above.st_dev == status.st_dev && above.st_ino == status.st_ino)) {
+      return false; // the root is its own parent
+    }
+    current = std::move(parent);
+  }
+  return false;
+}
+
 // One copy: remembers whether it created the top item, so that a failed copy removes what it
 // made and nothing that was there before.
 struct Copier {
@@ -347,6 +367,12 @@ Expected<void> FileTree::copyItem(const std::string& from, const std::string& to
   FileDescriptor destination = openFolder(toParent);
   if (!destination) {
     return failed(to);
+  }
+  // A folder copied into itself would copy its own copy again at every level.
+  struct stat status {};
+  if (::fstatat(source.get(), fromName.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+      S_ISDIR(status.st_mode) && isWithin(destination.get(), status.st_dev, status.st_ino)) {
+    return Failure{to + ": inside the folder being copied"};
   }
   Copier copier;
   auto copied = copier.copyAt(source.get(), fromName, from, destination.get(), toName, to, 0);

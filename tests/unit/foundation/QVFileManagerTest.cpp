@@ -231,6 +231,8 @@ TEST_F(QVFileManagerTest, CopiesAndMovesKeepWhatTheyMoveAndNeverReplace) {
     EXPECT_EQ(::getxattr(at("copy/tool").c_str(), "user.kestrin.probe", value, sizeof value), 1);
   }
   EXPECT_FALSE(QVFileManager::copyFile(at("src/tool"), at("copy/tool"), false));
+  EXPECT_FALSE(QVFileManager::copyFile(at("src"), at("src/inside"), false));
+  EXPECT_FALSE(fs::exists(work / "src/inside"));
   EXPECT_FALSE(QVFileManager::moveFile(at("src/tool"), at("copy/tool"), false));
   EXPECT_EQ(readText(work / "copy/tool"), "#!/bin/sh\n");
 
