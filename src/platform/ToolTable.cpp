@@ -53,14 +53,14 @@ ToolTable::ToolTable(std::initializer_list<std::pair<Tool, std::string>> entries
   for (const auto& tool : kTools) {
     paths_[static_cast<std::size_t>(tool.tool)] = tool.defaultPath;
   }
-  // The helper and ditto are installed in the bundle next to the agent (and next to the test
-  // programs' own executables in a build tree, where tests name them explicitly).
+  // The bundle's own programs are installed next to the agent (and next to the test programs'
+  // own executables in a build tree, where tests name them explicitly).
   std::error_code ec;
   auto self = std::filesystem::read_symlink("/proc/self/exe", ec);
   if (!ec) {
+    paths_[static_cast<std::size_t>(Tool::Ditto)] = (self.parent_path() / "ditto").string();
     paths_[static_cast<std::size_t>(Tool::KestrinAuth)] =
         (self.parent_path() / "kestrin-auth").string();
-    paths_[static_cast<std::size_t>(Tool::Ditto)] = (self.parent_path() / "ditto").string();
   }
   for (const auto& [tool, path] : entries) {
     paths_[static_cast<std::size_t>(tool)] = path;

@@ -27,7 +27,8 @@ enum class Tool {
   Killall,      // stopping processes by name (software update, force quit)
   Qmasterprefs, // the render-cluster preferences tool
   Gm,           // GraphicsMagick: icons scaled to TIFF, out of the agent's process
-  Ditto,        // zip archives, written and unpacked out of the agent's process; in the bundle
+  Ditto,        // zip archives, written and extracted out of the agent's process; the bundle's
+                // own program, beside the agent's executable
   KestrinAuth,  // the setuid helper for administrator rights, beside the agent's executable
 };
 
