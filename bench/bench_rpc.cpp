@@ -13,9 +13,9 @@
 #include <capnp/ez-rpc.h>
 
 #include "foundation/Timer.h"
+#include "foundation/WorkerPool.h"
 #include "operations/ErrorChannel.h"
 #include "operations/ExceptionGuard.h"
-#include "foundation/WorkerPool.h"
 #include "transport/RpcClient.h"
 #include "transport/RpcServer.h"
 #include "transport/remote.capnp.h"

@@ -34,11 +34,11 @@ public:
   // What the answers are computed from. Every member has a working default taken from the
   // process (see fromEnvironment); tests replace them to build a throwaway machine.
   struct Machine {
-    std::string localRoot = "/";            // KESTRIN_ROOT
-    std::string home;                       // HOME of the process
-    uid_t realUid = 0;                      // getuid()
-    std::string ownUserName;                // the process's own short user name
-    std::string tempDirectory = "/tmp";     // TMPDIR or /tmp
+    std::string localRoot = "/";        // KESTRIN_ROOT
+    std::string home;                   // HOME of the process
+    uid_t realUid = 0;                  // getuid()
+    std::string ownUserName;            // the process's own short user name
+    std::string tempDirectory = "/tmp"; // TMPDIR or /tmp
     // The user logged in at the console, or nullopt (nobody, or no login manager).
     std::function<std::optional<std::string>()> consoleUser;
     // Home directory of a named user, or nullopt when the user is unknown.

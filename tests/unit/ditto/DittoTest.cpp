@@ -321,7 +321,6 @@ struct Hostile {
 TEST_F(Ditto, HostileArchivesAreRefusedAndNothingIsWrittenAnywhere) {
   fs::path outside = scratch / "outside";
   fs::create_directory(outside);
-  std::string passwd = readText("/etc/passwd");
   const std::vector<Hostile> cases = {
       {"dot-dot", "raw_zip(out, [entry('good.txt', 'ok'), entry('../evil.txt', 'bad')])",
        R"("../evil.txt": path with ".." refused)"},
@@ -383,7 +382,6 @@ with tarfile.open(out, 'w') as t:
   }
   EXPECT_TRUE(fs::is_empty(outside));
   EXPECT_FALSE(fs::exists("/etc/kestrin-ditto-probe"));
-  EXPECT_EQ(readText("/etc/passwd"), passwd);
 }
 
 TEST_F(Ditto, TheDefaultEntryLimitHoldsForAnArchiveInMemory) {
