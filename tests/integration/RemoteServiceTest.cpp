@@ -1,5 +1,6 @@
 #include <csignal>
 #include <cstdio>
+#include <sstream>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -196,6 +197,39 @@ protected:
   std::unique_ptr<RunningAgent> agent;
   int port = 0;
 };
+
+// A field of /proc/<pid>/status ("Threads", "VmSize" in kB), or -1.
+long statusField(pid_t pid, const std::string& field) {
+  std::istringstream status(testing::readText("/proc/" + std::to_string(pid) + "/status"));
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind(field + ":", 0) == 0) {
+      return std::stol(line.substr(field.size() + 1));
+    }
+  }
+  return -1;
+}
+
+TEST_F(AgentNotifications, AThousandNotificationsLeaveThreadsAndMemoryFlat) {
+  std::atomic<int> answered{0};
+  auto observation =
+      center->observe("QVKestrinStatusUpdate", [&](const plist::Dictionary&) { ++answered; });
+  auto burst = [&](int count) {
+    int before = answered;
+    for (int i = 0; i < count; ++i) {
+      center->post("QVKestrinCurrentStatus", {});
+    }
+    return eventually([&] { return answered >= before + count; }, 60s);
+  };
+  pid_t pid = agent->process().pid();
+  ASSERT_TRUE(burst(500));
+  long threads = statusField(pid, "Threads");
+  long virtualKb = statusField(pid, "VmSize");
+  ASSERT_TRUE(burst(500));
+  // Every handler ran on the agent's worker pool: the second burst starts no thread the first
+  // did not, and memory stays where it was (it grew by gigabytes when each kept a thread).
+  EXPECT_LE(statusField(pid, "Threads"), threads);
+  EXPECT_LT(statusField(pid, "VmSize") - virtualKb, 64 * 1024);
+}
 
 TEST_F(AgentNotifications, AToolsErrorNotificationReachesTheRegisteredCallbacks) {
   auto client = transport::RpcClient::connectTcp("127.0.0.1", port, 10s);
