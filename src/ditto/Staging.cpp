@@ -28,7 +28,9 @@ Expected<fs::path> createUnique(const fs::path& folder, std::string_view finalNa
   std::uniform_int_distribution<std::size_t> letter(0, sizeof kLetters - 2);
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     // Cut so that the hidden name still fits in a file name.
-    std::string name = "." + std::string(finalName.substr(0, 200)) + ".ditto-";
+    // Built by appending: g++ 12 at -O3 misreads "." + std::string(...) as an overlapping copy.
+    std::string name(".");
+    name.append(finalName.substr(0, 200)).append(".ditto-");
     for (int i = 0; i < 6; ++i) {
       name += kLetters[letter(random)];
     }
