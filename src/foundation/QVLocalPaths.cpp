@@ -104,7 +104,7 @@ QVLocalPaths::QVLocalPaths(Machine machine) : machine_(std::move(machine)) {
 QVLocalPaths::Machine QVLocalPaths::machineFromEnvironment() {
   Machine machine;
   machine.realUid = getuid();
-  machine.localRoot = envOr("KESTRIN_ROOT", "/");
+  machine.localRoot = envOr("KESTRIN_ROOT", kDefaultLocalRoot);
   machine.home = envOr("HOME", passwdOfUid(machine.realUid, true).value_or("/"));
   machine.tempDirectory = envOr("TMPDIR", "/tmp");
   machine.ownUserName =

@@ -23,7 +23,8 @@ enum class DirectoryKind {
 enum class DomainMask { User = 1, Local = 2, System = 8 };
 
 // Where things are on this machine. The local domain lives under a local root (KESTRIN_ROOT,
-// default "/": /Library, /Applications, /System/Library); the user domain under the user's
+// default /opt/quorvane, the place for an add-on package's own tree: /opt/quorvane/Library,
+// /opt/quorvane/Applications, /opt/quorvane/System/Library); the user domain under the user's
 // home (~/Library, ~/Documents, ~/Movies, ~/.Trash). When the process runs as root, every
 // user-domain answer points into the console user's home instead of root's.
 //
@@ -31,14 +32,16 @@ enum class DomainMask { User = 1, Local = 2, System = 8 };
 // after construction.
 class QVLocalPaths {
 public:
+  static constexpr const char* kDefaultLocalRoot = "/opt/quorvane";
+
   // What the answers are computed from. Every member has a working default taken from the
   // process (see fromEnvironment); tests replace them to build a throwaway machine.
   struct Machine {
-    std::string localRoot = "/";        // KESTRIN_ROOT
-    std::string home;                   // HOME of the process
-    uid_t realUid = 0;                  // getuid()
-    std::string ownUserName;            // the process's own short user name
-    std::string tempDirectory = "/tmp"; // TMPDIR or /tmp
+    std::string localRoot = kDefaultLocalRoot; // KESTRIN_ROOT
+    std::string home;                          // HOME of the process
+    uid_t realUid = 0;                         // getuid()
+    std::string ownUserName;                   // the process's own short user name
+    std::string tempDirectory = "/tmp";        // TMPDIR or /tmp
     // The user logged in at the console, or nullopt (nobody, or no login manager).
     std::function<std::optional<std::string>()> consoleUser;
     // Home directory of a named user, or nullopt when the user is unknown.
