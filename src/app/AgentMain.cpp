@@ -1,8 +1,9 @@
 #include "app/AgentMain.h"
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <iostream>
+#include <optional>
 
 #include "app/AppController.h"
 #include "app/BundleLocation.h"
@@ -11,6 +12,7 @@
 #include "foundation/QVAuthorization.h"
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
+#include "operations/AgentBundle.h"
 #include "platform/Clock.h"
 #include "platform/ToolTable.h"
 #include "platform/Workspace.h"
@@ -19,9 +21,48 @@ namespace kestrin {
 
 namespace {
 
-bool has(const std::vector<std::string>& arguments, const char* flag) {
-  return std::find(arguments.begin() + (arguments.empty() ? 0 : 1), arguments.end(), flag) !=
-         arguments.end();
+constexpr int kUsageError = 64; // EX_USAGE
+
+constexpr const char* kUsage = R"(usage: Kestrin [-setup | -wait | --help | --version]
+
+The maintenance agent of a post-production workstation. Without options it runs in the
+foreground as a service of the current user: it listens on TCP, advertises itself as
+"_kestrin._tcp." and serves the administration application (see ambrant).
+
+  -setup      as root: install the per-user service, the PAM file and the rights helper,
+              then reload the service for the console user
+  -wait       wait five seconds before starting (a relaunched agent lets the old one go)
+  --help      print this text
+  --version   print the version
+
+Environment: KESTRIN_ROOT (the maker's tree, default /opt/quorvane), HOME (the user's).
+)";
+
+struct Options {
+  bool setup = false;
+  bool wait = false;
+  bool help = false;
+  bool version = false;
+  std::optional<std::string> unknown;
+};
+
+Options parse(const std::vector<std::string>& arguments) {
+  Options options;
+  for (std::size_t i = 1; i < arguments.size(); ++i) {
+    const std::string& argument = arguments[i];
+    if (argument == "-setup") {
+      options.setup = true;
+    } else if (argument == "-wait") {
+      options.wait = true;
+    } else if (argument == "--help" || argument == "-h") {
+      options.help = true;
+    } else if (argument == "--version") {
+      options.version = true;
+    } else if (!options.unknown) {
+      options.unknown = argument;
+    }
+  }
+  return options;
 }
 
 // A relaunched instance waits until the old one has gone. The spin is deliberate: it must not
@@ -69,12 +110,27 @@ int runAgent() {
 } // namespace
 
 int agentMain(const std::vector<std::string>& arguments) {
-  if (has(arguments, "-setup")) {
+  Options options = parse(arguments);
+  if (options.unknown) {
+    std::cerr << "Kestrin: unknown option '" << *options.unknown << "'\n\n" << kUsage;
+    return kUsageError;
+  }
+  if (options.help) {
+    std::cout << kUsage;
+    return 0;
+  }
+  if (options.version) {
+    operations::AgentBundle bundle(bundlePath(QVLocalPaths::shared(), workspace()));
+    std::cout << "Kestrin " << bundle.clientVersionString() << " (" << bundle.clientVersion()
+              << ")\n";
+    return 0;
+  }
+  if (options.setup) {
     installer().runSetup();
     QVLog::sharedController().willTerminate();
     return 0;
   }
-  if (has(arguments, "-wait")) {
+  if (options.wait) {
     waitForPredecessor();
   }
   return runAgent();

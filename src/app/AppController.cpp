@@ -17,6 +17,7 @@
 #include "operations/AgentOperations.h"
 #include "operations/ControllerObject.h"
 #include "operations/Services.h"
+#include "platform/NetworkProfile.h"
 #include "plist/PropertyList.h"
 #include "transport/HostIdentity.h"
 #include "transport/ServiceAdvertisement.h"
@@ -141,6 +142,7 @@ bool AppController::init() {
   QVLog::appendLog("Version {}.", bundle_.clientVersion());
   icons_.reset();
   startService();
+  announce();
   workers_.submit([this] {
     guard_.run("-[AppController populateQVApps]", [this] { applications_.populateQVApps(); });
   });
@@ -155,6 +157,36 @@ bool AppController::init() {
     setObjectForPreferenceDictionaryKey(version, "lastRunVersion");
   }
   return true;
+}
+
+// What someone who started the agent by hand needs next: where it listens, where its log and
+// settings are.
+void AppController::announce() {
+  std::vector<std::string> addresses;
+  if (auto bound = endpoint_->listenIPAddress()) {
+    addresses.push_back(*bound);
+  } else {
+    plist::Value profile = platform::networkDataType();
+    const plist::Array* types = profile.asArray();
+    const plist::Value* items = types && !types->empty() ? types->front().get("_items") : nullptr;
+    for (const plist::Value& item :
+         items && items->asArray() ? *items->asArray() : plist::Array{}) {
+      const plist::Value* ips = item.get("ip_address");
+      for (const plist::Value& ip : ips && ips->asArray() ? *ips->asArray() : plist::Array{}) {
+        if (ip.asString()) {
+          addresses.push_back(*ip.asString());
+        }
+      }
+    }
+  }
+  std::string joined;
+  for (const std::string& address : addresses) {
+    joined += (joined.empty() ? "" : ", ") + address;
+  }
+  std::cout << "Addresses: " << (joined.empty() ? "all of this machine's" : joined) << ", port "
+            << endpoint_->listenPortNumber() << "\n"
+            << "Log: " << QVLog::sharedController().currentLogPath() << "\n"
+            << "Settings: " << preferences_.path() << std::endl;
 }
 
 // ---- service

@@ -136,6 +136,7 @@ private:
   void connectionDidDie() override;
 
   void forgetHostName();
+  void announce();
   void publishService();
   void netServiceDidNotPublish(const plist::Dictionary& error);
   void observeNotifications();

@@ -30,8 +30,9 @@ public:
   bool shouldAcceptConnection(const transport::PeerInfo& peer) override {
     return endpoint_.shouldMakeNewConnection(peer.address);
   }
-  void connectionDidInitialize(const transport::PeerInfo&) override {
+  void connectionDidInitialize(const transport::PeerInfo& peer) override {
     std::cerr << "initialized" << std::endl;
+    QVLog::appendLog("Accepted connection from {}", peer.address);
   }
   void serverDidDie(const std::string&) override {
     // The server's own thread cannot stop the server it runs.

@@ -58,6 +58,25 @@ TEST_F(AgentLifecycle, StartsLogsItsVersionAndStopsInOrderOnSigterm) {
   auto prefs = plist::readFile(home() / "Library/Preferences/com.quorvane.Kestrin.plist");
   ASSERT_TRUE(prefs.ok());
   EXPECT_EQ(*prefs->get("lastRunVersion"), plist::Value(KESTRIN_BUNDLE_VERSION));
+
+  // The console named the log and the settings that the run really used.
+  std::string out = readText(dir.path() / "agent.out");
+  EXPECT_NE(out.find("Log: " + log().string() + "\n"), std::string::npos) << out;
+  EXPECT_NE(
+      out.find("Settings: " + (home() / "Library/Preferences/com.quorvane.Kestrin.plist").string()),
+      std::string::npos);
+}
+
+TEST_F(AgentLifecycle, AnUnknownOptionIsAUsageErrorAndStartsNothing) {
+  std::filesystem::create_directories(home());
+  AgentProcess agent(KESTRIN_AGENT_PATH, {"--bogus"}, environment(), dir.path() / "agent.out");
+  auto status = agent.waitForExit(20s);
+  ASSERT_TRUE(status.has_value());
+  EXPECT_EQ(WEXITSTATUS(*status), 64);
+  std::string out = readText(dir.path() / "agent.out");
+  EXPECT_NE(out.find("unknown option '--bogus'"), std::string::npos);
+  EXPECT_EQ(out.find("Listening"), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(log()));
 }
 
 TEST_F(AgentLifecycle, SigintStopsItTheSameWay) {
