@@ -23,8 +23,13 @@ public:
   bool isConnected() { return agent_.isConnected(); }
   // Ends the agent: local tools ask for it through the callback endpoint ("postDisconnect").
   void disconnect() { agent_.disconnect(); }
+  // Every selector the agent answers with the kinds of its arguments, in selector order:
+  // [{"selector": "feldaneBackup:type:", "arguments": ["a string", "a number"]}, ...], so an
+  // admin tool can show what it may call without a copy of the agent's table.
+  plist::Array operationSignatures();
 
 private:
+  const OperationTable* table_ = nullptr;
   AgentControl& agent_;
   const AgentBundle& bundle_;
 };
