@@ -64,7 +64,8 @@ public:
   Dictionary() = default;
   Dictionary(std::initializer_list<Entry> entries);
 
-  // Defined below Value: clang instantiates them where they stand, and Value must be complete.
+  // These touch entries_ and are defined below Value: clang instantiates them where they stand,
+  // and Value must be complete by then.
   bool empty() const;
   std::size_t size() const;
   bool contains(std::string_view key) const { return find(key) != nullptr; }
@@ -76,7 +77,7 @@ public:
   // Replaces the value of an existing key in place (its position stays) or appends the pair.
   // Answers where the value now is, valid until the dictionary next changes.
   Value& set(std::string key, Value value);
-  void reserve(std::size_t entries) { entries_.reserve(entries); }
+  void reserve(std::size_t entries);
   // Answers whether the key was present.
   bool erase(std::string_view key);
 
@@ -198,6 +199,9 @@ inline bool Dictionary::empty() const {
 }
 inline std::size_t Dictionary::size() const {
   return entries_.size();
+}
+inline void Dictionary::reserve(std::size_t entries) {
+  entries_.reserve(entries);
 }
 inline Dictionary::const_iterator Dictionary::begin() const {
   return entries_.begin();
