@@ -14,3 +14,8 @@ if(KESTRIN_SANITIZE)
     -fsanitize=${_kestrin_sanitizers} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(kestrin_flags INTERFACE -fsanitize=${_kestrin_sanitizers})
 endif()
+
+if(KESTRIN_BUILD_FUZZERS)
+  # Coverage for libFuzzer in every target; only the fuzz programs link its engine.
+  target_compile_options(kestrin_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()

@@ -1,81 +1,70 @@
 #include "admin/JsonValue.h"
 
 #include <cmath>
-#include <ctime>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+
+#include "plist/IsoDate.h"
 
 namespace kestrin::admin {
 
 namespace {
 
 using Json = nlohmann::ordered_json;
-constexpr int kMaxDepth = 256;
 
 constexpr std::string_view kAlphabet =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-// "2026-11-22T10:03:07Z", "2026-11-22T10:03:07.25+01:00" or a date alone.
-Expected<plist::Date> parseIsoDate(const std::string& text) {
-  std::tm tm{};
-  int consumed = 0;
-  if (std::sscanf(text.c_str(), "%4d-%2d-%2d%n", &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &consumed) !=
-      3) {
-    return Failure{fmt::format("\"{}\" is not an ISO 8601 date", text)};
+// One-key objects that stand for a kind JSON lacks.
+constexpr std::string_view kDataKey = "$data";
+constexpr std::string_view kDateKey = "$date";
+constexpr std::string_view kDictionaryKey = "$dictionary";
+
+class JsonReader {
+public:
+  explicit JsonReader(const plist::ReadLimits& limits) : limits_(limits) {}
+
+  Expected<plist::Value> value(const Json& json, int depth);
+
+private:
+  Expected<plist::Value> date(const Json& json);
+  Expected<plist::Value> dictionary(const Json& json, int depth);
+
+  plist::ReadLimits limits_;
+  std::size_t nodes_ = 0;
+};
+
+Expected<plist::Value> JsonReader::date(const Json& json) {
+  if (json.is_number()) {
+    return plist::Value(plist::Date{json.get<double>()});
   }
-  double fraction = 0;
-  long offset = 0;
-  std::string rest = text.substr(static_cast<std::size_t>(consumed));
-  if (!rest.empty()) {
-    int n = 0;
-    if ((rest[0] != 'T' && rest[0] != ' ') ||
-        std::sscanf(rest.c_str() + 1, "%2d:%2d:%2d%n", &tm.tm_hour, &tm.tm_min, &tm.tm_sec, &n) !=
-            3) {
-      return Failure{fmt::format("\"{}\" is not an ISO 8601 date", text)};
-    }
-    rest = rest.substr(1 + static_cast<std::size_t>(n));
-    if (!rest.empty() && rest[0] == '.') {
-      std::size_t end = 1;
-      while (end < rest.size() && std::isdigit(static_cast<unsigned char>(rest[end]))) {
-        ++end;
-      }
-      fraction = std::stod("0" + rest.substr(0, end));
-      rest = rest.substr(end);
-    }
-    int hours = 0, minutes = 0;
-    if (rest == "Z" || rest.empty()) {
-      offset = 0;
-    } else if ((rest[0] == '+' || rest[0] == '-') &&
-               std::sscanf(rest.c_str() + 1, "%2d:%2d", &hours, &minutes) == 2) {
-      offset = (rest[0] == '-' ? -1 : 1) * (hours * 3600L + minutes * 60L);
-    } else {
-      return Failure{fmt::format("\"{}\" has an unreadable time zone", text)};
-    }
+  const auto& text = json.get_ref<const std::string&>();
+  auto date = plist::parseIsoDate(text, plist::DateSyntax::Lenient);
+  if (!date) {
+    return Failure{fmt::format("\"{}\" is not an ISO 8601 date of the years 1 to 9999", text)};
   }
-  tm.tm_year -= 1900;
-  tm.tm_mon -= 1;
-  std::time_t unix = timegm(&tm);
-  return plist::Date::fromUnix(static_cast<double>(unix - offset) + fraction);
+  return plist::Value(*date);
 }
 
-std::string isoDate(const plist::Date& date) {
-  double unix = date.toUnix();
-  std::time_t whole = static_cast<std::time_t>(std::floor(unix));
-  std::tm tm{};
-  gmtime_r(&whole, &tm);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &tm);
-  double fraction = unix - static_cast<double>(whole);
-  if (fraction > 0) {
-    return fmt::format("{}{}Z", text, fmt::format("{:.6f}", fraction).substr(1));
+Expected<plist::Value> JsonReader::dictionary(const Json& json, int depth) {
+  plist::Dictionary dictionary;
+  for (const auto& [key, item] : json.items()) {
+    auto value = this->value(item, depth + 1);
+    if (!value) {
+      return value;
+    }
+    dictionary.set(key, std::move(*value));
   }
-  return std::string(text) + "Z";
+  return plist::Value(std::move(dictionary));
 }
 
-Expected<plist::Value> fromJson(const Json& json, int depth) {
-  if (depth > kMaxDepth) {
-    return Failure{"the value is nested too deeply"};
+Expected<plist::Value> JsonReader::value(const Json& json, int depth) {
+  if (depth > limits_.depthLimit()) {
+    return Failure{fmt::format("the value is nested deeper than {} levels", limits_.depthLimit())};
+  }
+  if (++nodes_ > limits_.maxNodes) {
+    return Failure{fmt::format("the value holds more than {} values", limits_.maxNodes)};
   }
   switch (json.type()) {
   case Json::value_t::null:
@@ -97,8 +86,9 @@ Expected<plist::Value> fromJson(const Json& json, int depth) {
     return plist::Value(json.get<std::string>());
   case Json::value_t::array: {
     plist::Array array;
+    array.reserve(json.size());
     for (const Json& item : json) {
-      auto value = fromJson(item, depth + 1);
+      auto value = this->value(item, depth + 1);
       if (!value) {
         return value;
       }
@@ -107,29 +97,25 @@ Expected<plist::Value> fromJson(const Json& json, int depth) {
     return plist::Value(std::move(array));
   }
   case Json::value_t::object: {
-    if (json.size() == 1 && json.contains("$data") && json["$data"].is_string()) {
-      auto data = base64Decode(json["$data"].get<std::string>());
-      if (!data) {
-        return data.failure();
+    if (json.size() == 1) {
+      const auto only = json.begin();
+      const std::string& key = only.key();
+      const Json& item = only.value();
+      if (key == kDataKey && item.is_string()) {
+        auto data = base64Decode(item.get_ref<const std::string&>());
+        if (!data) {
+          return data.failure();
+        }
+        return plist::Value(std::move(*data));
       }
-      return plist::Value(std::move(*data));
-    }
-    if (json.size() == 1 && json.contains("$date") && json["$date"].is_string()) {
-      auto date = parseIsoDate(json["$date"].get<std::string>());
-      if (!date) {
-        return date.failure();
+      if (key == kDateKey && (item.is_string() || item.is_number())) {
+        return date(item);
       }
-      return plist::Value(*date);
-    }
-    plist::Dictionary dictionary;
-    for (const auto& [key, item] : json.items()) {
-      auto value = fromJson(item, depth + 1);
-      if (!value) {
-        return value;
+      if (key == kDictionaryKey && item.is_object()) {
+        return dictionary(item, depth);
       }
-      dictionary.set(key, std::move(*value));
     }
-    return plist::Value(std::move(dictionary));
+    return dictionary(json, depth);
   }
   default:
     return Failure{"binary JSON values are not supported"};
@@ -151,9 +137,13 @@ Json toJson(const plist::Value& value) {
   case plist::Kind::String:
     return *value.asString();
   case plist::Kind::Data:
-    return Json{{"$data", base64Encode(*value.asData())}};
-  case plist::Kind::Date:
-    return Json{{"$date", isoDate(*value.asDate())}};
+    return Json{{kDataKey, base64Encode(*value.asData())}};
+  case plist::Kind::Date: {
+    // Outside the years an ISO text names, the seconds themselves; not a number: null.
+    const plist::Date date = *value.asDate();
+    auto text = plist::isoDateText(date);
+    return Json{{kDateKey, text ? Json(*text) : Json(date.seconds)}};
+  }
   case plist::Kind::Array: {
     Json array = Json::array();
     for (const plist::Value& item : *value.asArray()) {
@@ -162,9 +152,16 @@ Json toJson(const plist::Value& value) {
     return array;
   }
   case plist::Kind::Dictionary: {
+    const plist::Dictionary& dictionary = *value.asDictionary();
     Json object = Json::object();
-    for (const auto& [key, item] : *value.asDictionary()) {
+    for (const auto& [key, item] : dictionary) {
       object[key] = toJson(item);
+    }
+    if (dictionary.size() == 1) {
+      const std::string& key = dictionary.begin()->first;
+      if (key == kDataKey || key == kDateKey || key == kDictionaryKey) {
+        return Json{{kDictionaryKey, std::move(object)}};
+      }
     }
     return object;
   }
@@ -183,12 +180,18 @@ Json toJson(const plist::Value& value) {
 
 } // namespace
 
-Expected<plist::Value> valueFromJson(std::string_view text) {
+Expected<plist::Value> valueFromJson(std::string_view text, const plist::ReadLimits& limits) {
+  if (text.size() > limits.maxBytes) {
+    return Failure{fmt::format("a JSON text of {} bytes is larger than the {} a read may take",
+                               text.size(), limits.maxBytes)};
+  }
+  // nlohmann's parser keeps its own stack, so deep nesting costs memory, not recursion; the
+  // conversion below then refuses it.
   Json json = Json::parse(text.begin(), text.end(), nullptr, false);
   if (json.is_discarded()) {
     return Failure{fmt::format("'{}' is not a JSON value", text)};
   }
-  return fromJson(json, 0);
+  return JsonReader(limits).value(json, 0);
 }
 
 std::string jsonFromValue(const plist::Value& value) {
@@ -238,7 +241,8 @@ Expected<plist::Data> base64Decode(std::string_view text) {
       out.push_back(static_cast<std::uint8_t>((chunk >> bits) & 0xff));
     }
   }
-  if (padding > 2) {
+  // Six bits left over are half a byte: the text was cut short.
+  if (padding > 2 || bits >= 6) {
     return Failure{"the data is not valid base64"};
   }
   return out;

@@ -3,6 +3,7 @@
 #include <string>
 #include <string_view>
 
+#include "plist/ReadLimits.h"
 #include "plist/Value.h"
 #include "support/Expected.h"
 
@@ -10,9 +11,15 @@ namespace kestrin::admin {
 
 // The admin client's command-line form of property-list values: plain JSON for null, booleans,
 // numbers, strings, arrays and objects (dictionaries, keys kept in order), and one-key objects
-// for the kinds JSON lacks: {"$data": "<base64>"}, {"$date": "<ISO 8601>"}, and on output
-// {"$error": {"domain", "code", "userInfo"}} and {"$object": "<description>"}.
-Expected<plist::Value> valueFromJson(std::string_view text);
+// for the kinds JSON lacks: {"$data": "<base64>"}, {"$date": "<ISO 8601>"} (or a number of
+// seconds since 2001-01-01 UTC, which is how a date outside the years 1 to 9999 is written),
+// and on output {"$error": {"domain", "code", "userInfo"}} and {"$object": "<description>"}.
+// A dictionary whose one key is "$data", "$date" or "$dictionary" is written
+// {"$dictionary": {...}}, so that it reads back as a dictionary.
+//
+// What is read is what is written: jsonFromValue of a value that valueFromJson accepted reads
+// back to the same value (dates and reals exactly).
+Expected<plist::Value> valueFromJson(std::string_view text, const plist::ReadLimits& limits = {});
 // Compact, one line.
 std::string jsonFromValue(const plist::Value& value);
 

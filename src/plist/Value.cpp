@@ -94,10 +94,10 @@ Value* Dictionary::find(std::string_view key) {
   return i < entries_.size() ? &entries_[i].second : nullptr;
 }
 
-void Dictionary::set(std::string key, Value value) {
+Value& Dictionary::set(std::string key, Value value) {
   if (Value* existing = find(key)) {
     *existing = std::move(value);
-    return;
+    return *existing;
   }
   entries_.emplace_back(std::move(key), std::move(value));
   if (entries_.size() == kIndexThreshold + 1) {
@@ -105,6 +105,7 @@ void Dictionary::set(std::string key, Value value) {
   } else if (entries_.size() > kIndexThreshold + 1) {
     index_.emplace(entries_.back().first, entries_.size() - 1);
   }
+  return entries_.back().second;
 }
 
 bool Dictionary::erase(std::string_view key) {

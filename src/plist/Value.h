@@ -64,8 +64,10 @@ public:
   Dictionary() = default;
   Dictionary(std::initializer_list<Entry> entries);
 
-  bool empty() const { return entries_.empty(); }
-  std::size_t size() const { return entries_.size(); }
+  // These touch entries_ and are defined below Value: clang instantiates them where they stand,
+  // and Value must be complete by then.
+  bool empty() const;
+  std::size_t size() const;
   bool contains(std::string_view key) const { return find(key) != nullptr; }
 
   // The value under the key, or nullptr when the key is absent.
@@ -73,13 +75,16 @@ public:
   Value* find(std::string_view key);
 
   // Replaces the value of an existing key in place (its position stays) or appends the pair.
-  void set(std::string key, Value value);
+  // Answers where the value now is, valid until the dictionary next changes.
+  Value& set(std::string key, Value value);
+  void reserve(std::size_t entries);
   // Answers whether the key was present.
   bool erase(std::string_view key);
 
   std::vector<std::string> keys() const;
-  auto begin() const { return entries_.begin(); }
-  auto end() const { return entries_.end(); }
+  using const_iterator = std::vector<Entry>::const_iterator;
+  const_iterator begin() const;
+  const_iterator end() const;
 
   // Equal when both hold the same keys with equal values, whatever the order.
   friend bool operator==(const Dictionary& a, const Dictionary& b);
@@ -198,6 +203,22 @@ private:
                std::shared_ptr<const ErrorRecord>, ObjectRef>
       v_;
 };
+
+inline bool Dictionary::empty() const {
+  return entries_.empty();
+}
+inline std::size_t Dictionary::size() const {
+  return entries_.size();
+}
+inline void Dictionary::reserve(std::size_t entries) {
+  entries_.reserve(entries);
+}
+inline Dictionary::const_iterator Dictionary::begin() const {
+  return entries_.begin();
+}
+inline Dictionary::const_iterator Dictionary::end() const {
+  return entries_.end();
+}
 
 // A short, human-readable rendering for logs and error texts (not a serialisation).
 std::string describe(const Value& value);

@@ -55,11 +55,21 @@ std::size_t checkedSize(const plist::Value& value, int depth) {
   return size;
 }
 
+// Text both ways with its length: the implicit conversions stop at the first NUL, which a
+// string, a key or a domain may hold.
+capnp::Text::Reader text(const std::string& string) {
+  return capnp::Text::Reader(string.data(), string.size());
+}
+
+std::string string(capnp::Text::Reader text) {
+  return std::string(text.cStr(), text.size());
+}
+
 void encodeEntries(const plist::Dictionary& dictionary, capnp::List<wire::Entry>::Builder list,
                    ConnectionState& state) {
   unsigned i = 0;
   for (const auto& [key, item] : dictionary) {
-    list[i].setKey(key);
+    list[i].setKey(text(key));
     encodeValue(item, list[i].initValue(), state);
     ++i;
   }
@@ -71,7 +81,7 @@ plist::Dictionary decodeEntries(capnp::List<wire::Entry>::Reader list, Connectio
                                 int depth) {
   plist::Dictionary dictionary;
   for (auto entry : list) {
-    dictionary.set(entry.getKey(), decodeAt(entry.getValue(), state, depth));
+    dictionary.set(string(entry.getKey()), decodeAt(entry.getValue(), state, depth));
   }
   return dictionary;
 }
@@ -117,7 +127,7 @@ void encodeValue(const plist::Value& value, wire::Value::Builder builder, Connec
     builder.setReal(*value.asReal());
     return;
   case plist::Kind::String:
-    builder.setString(*value.asString());
+    builder.setString(text(*value.asString()));
     return;
   case plist::Kind::Data:
     builder.setData(bytes(*value.asData()));
@@ -142,7 +152,7 @@ void encodeValue(const plist::Value& value, wire::Value::Builder builder, Connec
   case plist::Kind::Error: {
     const plist::ErrorRecord& error = *value.asError();
     auto out = builder.initError();
-    out.setDomain(error.domain);
+    out.setDomain(text(error.domain));
     out.setCode(error.code);
     encodeEntries(error.userInfo, out.initUserInfo(static_cast<unsigned>(error.userInfo.size())),
                   state);
@@ -171,7 +181,7 @@ plist::Value decodeAt(wire::Value::Reader reader, ConnectionState& state, int de
   case wire::Value::REAL:
     return reader.getReal();
   case wire::Value::STRING:
-    return std::string(reader.getString().cStr(), reader.getString().size());
+    return string(reader.getString());
   case wire::Value::DATA: {
     auto data = reader.getData();
     return plist::Data(data.begin(), data.end());
@@ -190,10 +200,15 @@ plist::Value decodeAt(wire::Value::Reader reader, ConnectionState& state, int de
     return decodeEntries(reader.getDictionary(), state, depth + 1);
   case wire::Value::ERROR: {
     auto error = reader.getError();
-    return plist::ErrorRecord{error.getDomain(), error.getCode(),
+    return plist::ErrorRecord{string(error.getDomain()), error.getCode(),
                               decodeEntries(error.getUserInfo(), state, depth + 2)};
   }
   case wire::Value::OBJECT:
+    // A null capability names no object; as a proxy it could not be called, and would come
+    // back as a different one each time it was sent.
+    if (!reader.hasObject()) {
+      return {};
+    }
     return importObject(reader.getObject(), state);
   }
   // A union member from a newer peer: nothing we can represent.

@@ -91,5 +91,33 @@ TEST_F(TaskExecution, TheCallbackVariantReportsFailuresAndOutputToItsCallbackOnl
   EXPECT_TRUE(agent.logContains("Error: No callback specified."));
 }
 
+// Hostile property lists from the fuzz corpus, sent as any caller could: 53 bytes on which the
+// system library asserted and took the agent down, 162 bytes that expand to 2^31 values, 4 KiB
+// that expand to 32 MiB of text. Each answers null at once; the agent stays up and small, and
+// still reads a good list after them.
+TEST_F(TaskExecution, HostilePropertyListDataIsRefusedAndTheAgentStaysSmall) {
+  for (const char* name : {"finding-nul-key.bplist", "finding-shared-expansion.bplist",
+                           "finding-shared-string.bplist"}) {
+    std::ifstream in(std::string(KESTRIN_FUZZ_CORPUS) + "/plist_binary/" + name, std::ios::binary);
+    plist::Data bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    ASSERT_FALSE(bytes.empty()) << name;
+    EXPECT_TRUE(call("dictionaryFromData:", {Value(bytes)}).isNull()) << name;
+  }
+  Value good = plist::Dictionary{{"updates", plist::Array{"one"}}};
+  EXPECT_EQ(call("dictionaryFromData:", {Value(*plist::toBinary(good))}), good);
+  EXPECT_TRUE(agent.logContains("Could not convert data to dictionary"));
+
+  std::ifstream status("/proc/" + std::to_string(agent.process().pid()) + "/status");
+  std::string line;
+  long peakKiB = 0;
+  while (std::getline(status, line)) {
+    if (line.starts_with("VmHWM:")) {
+      peakKiB = std::stol(line.substr(6));
+    }
+  }
+  EXPECT_GT(peakKiB, 0);
+  EXPECT_LT(peakKiB, 512 * 1024) << "peak resident memory of the agent, KiB";
+}
+
 } // namespace
 } // namespace kestrin

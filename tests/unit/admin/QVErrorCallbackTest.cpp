@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "admin/JsonValue.h"
-
 namespace kestrin::admin {
 namespace {
 
@@ -116,27 +114,6 @@ TEST_F(QVErrorCallbackTest, ARejectedPasswordIsForgottenAndEventsReachTheParent)
   callback.removeErrorsForHost("a.local.");
   EXPECT_EQ(callback.stringRepresentation(),
             "b.local. - " + plist::Date{clock}.description() + " - Disk full\n");
-}
-
-TEST(JsonValue, CarriesEveryKindTheCommandLineNeeds) {
-  auto value = valueFromJson(R"({"name":"Kestrin","n":-3,"r":2.5,"ok":true,"none":null,
-      "blob":{"$data":"AP8="},"when":{"$date":"2001-01-01T00:01:00Z"},"list":[1,[2]]})");
-  ASSERT_TRUE(value.ok()) << value.message();
-  EXPECT_EQ(*value->get("blob"), Value(plist::Data{0x00, 0xff}));
-  EXPECT_EQ(*value->get("when"), Value(plist::Date{60}));
-  EXPECT_EQ(value->asDictionary()->keys().front(), "name");
-  EXPECT_EQ(jsonFromValue(*value),
-            R"({"name":"Kestrin","n":-3,"r":2.5,"ok":true,"none":null,"blob":{"$data":"AP8="},)"
-            R"("when":{"$date":"2001-01-01T00:01:00Z"},"list":[1,[2]]})");
-  EXPECT_EQ(jsonFromValue(Value(ErrorRecord{"ambrantDomain", 1006, {}})),
-            R"({"$error":{"domain":"ambrantDomain","code":1006,"userInfo":{}}})");
-  EXPECT_EQ(*valueFromJson(R"({"$date":"2001-01-01T01:00:00+01:00"})"), Value(plist::Date{0}));
-
-  for (const char* bad :
-       {"{", "[1,]", R"({"$data":"A*=="})", R"({"$date":"yesterday"})", "18446744073709551615"}) {
-    EXPECT_FALSE(valueFromJson(bad).ok()) << bad;
-  }
-  EXPECT_FALSE(valueFromJson(std::string(1000, '[') + std::string(1000, ']')).ok());
 }
 
 } // namespace
