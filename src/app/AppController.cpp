@@ -52,6 +52,7 @@ AppController::AppController(Environment environment)
       preferences_(preferencePath(environment_.paths)), bundle_(environment_.bundlePath),
       workspace_(platform::Workspace::forMachine(environment_.paths.machine().localRoot,
                                                  environment_.paths.machine().home)),
+      notifications_(timer_, workers_),
       guard_([this] { return isQuitting(); },
              [this](double seconds) { reconnectWithTimeInterval(seconds); }),
       errorChannel_({timer_, workers_, guard_, [this] { return hostName(); },

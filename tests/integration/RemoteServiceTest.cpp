@@ -12,7 +12,7 @@
 #include "admin/AdminClient.h"
 #include "admin/JsonValue.h"
 #include "admin/QVCallback.h"
-#include "fixtures/PrivateSessionBus.h"
+#include "fixtures/PrivateBus.h"
 #include "fixtures/RecordingObject.h"
 #include "foundation/QVEncryption.h"
 #include "platform/NotificationCenter.h"
@@ -192,7 +192,7 @@ protected:
     std::this_thread::sleep_for(200ms);
   }
 
-  testing::PrivateSessionBus bus;
+  testing::PrivateBus bus{testing::PrivateBus::Kind::Session};
   std::unique_ptr<platform::NotificationCenter> center;
   std::unique_ptr<RunningAgent> agent;
   int port = 0;
@@ -301,6 +301,26 @@ TEST_F(AgentNotifications, TheCallbackRelayForwardsOneNotificationOnce) {
   EXPECT_EQ(posted, 1);
   EXPECT_TRUE(agent->logContains("Setting up callback listener"));
   EXPECT_TRUE(agent->logContains("Posting callback"));
+}
+
+TEST_F(AgentNotifications, TheAgentOutlivesItsSessionBusAndHearsAgainOnceItIsBack) {
+  center.reset();
+  bus.stop();
+  ASSERT_TRUE(
+      eventually([&] { return agent->logContains("Distributed notifications are off: "); }));
+  ASSERT_TRUE(bus.start());
+  ASSERT_TRUE(eventually(
+      [&] { return agent->logContains("Distributed notifications are on again."); }, 60s));
+
+  // It lived through it, and observes again what it observed before.
+  auto connected = platform::NotificationCenter::connectSessionBus();
+  ASSERT_TRUE(connected.ok()) << connected.message();
+  std::atomic<int> statuses{0};
+  auto observation =
+      (*connected)->observe("QVKestrinStatusUpdate", [&](const plist::Dictionary&) { ++statuses; });
+  (*connected)->post("QVKestrinCurrentStatus", {});
+  EXPECT_TRUE(eventually([&] { return statuses > 0; }, 10s));
+  EXPECT_FALSE(agent->process().waitForExit(0ms).has_value());
 }
 
 } // namespace
