@@ -89,6 +89,8 @@ AppController::AppController(Environment environment)
       rootObject_);
   advertisementDelegate_ = std::make_unique<AdvertisementDelegate>(*this);
   advertisement_ = std::make_unique<transport::ServiceAdvertisement>(*advertisementDelegate_);
+  systemEvents_ =
+      std::make_unique<SystemEvents>(workers_, static_cast<SystemEvents::Handlers&>(*this));
 }
 
 AppController::~AppController() {
@@ -98,6 +100,7 @@ AppController::~AppController() {
   // service or reach the parts that go away below.
   timer_.stop();
   workers_.stop();
+  systemEvents_.reset();
   advertisement_.reset();
   callbackEndpoint_.reset();
   endpoint_.reset();
@@ -156,6 +159,10 @@ bool AppController::init() {
     setObjectForPreferenceDictionaryKey(version, "lastRunVersion");
   }
   return true;
+}
+
+void AppController::applicationDidFinishLaunching() {
+  systemEvents_->start();
 }
 
 // ---- service
@@ -300,6 +307,42 @@ void AppController::netServiceDidNotPublish(const plist::Dictionary& error) {
   updateStatus("Failed to publish. Retrying in 10 seconds...");
   QVLog::console("Failed to publish: {}", plist::describe(plist::Value(error)));
   reconnectWithTimeInterval(10.0);
+}
+
+// ---- the workstation's own life
+
+void AppController::userLogIn() {
+  QVLog::appendLog("System event: user logged in.");
+  guard_.run("-[AppController userLogIn:]", [this] { restartService(); });
+}
+
+void AppController::userLogOut() {
+  QVLog::appendLog("System event: user logged out.");
+  guard_.run("-[AppController userLogOut:]", [this] { stopService(); });
+}
+
+void AppController::systemShutdown() {
+  QVLog::appendLog("System event: shutdown.");
+  disconnect();
+}
+
+void AppController::systemSleep() {
+  QVLog::appendLog("System event: entering sleep mode...");
+  guard_.run("-[AppController systemSleep:]", [this] { stopService(); });
+}
+
+// Waking restarts the service whatever its state: sockets held across sleep may be dead.
+void AppController::systemWake() {
+  QVLog::appendLog("System event: woke from sleep");
+  guard_.run("-[AppController systemWake:]", [this] { restartService(); });
+}
+
+// An agent on its way out (a disconnect, a signal) stops but starts nothing again.
+void AppController::restartService() {
+  stopService();
+  if (!isQuitting_) {
+    startService();
+  }
 }
 
 // ---- distributed notifications

@@ -191,6 +191,25 @@ TEST_F(AppControllerTest, OneReconnectionAtATimeRestartsTheWholeService) {
   EXPECT_NE(log.find("Stopping vending...", log.find("Disconnecting...")), std::string::npos);
 }
 
+TEST_F(AppControllerTest, ShutdownWhileAReconnectionWaitsEndsWithoutRestarting) {
+  AppController controller(environment());
+  ASSERT_TRUE(controller.init());
+  std::size_t pending = controller.timer().pending();
+  controller.reconnectWithTimeInterval(1.0);
+  ASSERT_TRUE(testing::eventually([&] { return controller.timer().pending() > pending; }));
+  controller.systemShutdown();
+  clock.advance(std::chrono::seconds(1));
+  controller.timer().waitUntilIdle();
+  ASSERT_TRUE(testing::eventually([&] { return controller.workers().backlog() == 0; }));
+  EXPECT_FALSE(controller.isConnected());
+  EXPECT_EQ(loop.run(), std::nullopt); // the shutdown asked the main loop to end
+  std::string log = machine.logText();
+  auto shutdown = log.find("System event: shutdown.");
+  ASSERT_NE(shutdown, std::string::npos);
+  EXPECT_LT(shutdown, log.find("Preparing to disconnect..."));
+  EXPECT_EQ(log.find("Listening on port", shutdown), std::string::npos);
+}
+
 TEST(QVErrorCallbackObj, ForwardsTheToolsCallsToTheControllerAndSkipsWhatItLacks) {
   MainLoop loop;
   auto controller = std::make_shared<testing::RecordingObject>(
