@@ -79,7 +79,8 @@ AppController::AppController(Environment environment)
   rootObject_ = std::make_shared<operations::ControllerObject>(operations_->table(), guard_);
   statusItem_ = std::make_unique<StatusItem>(
       StatusItem::Environment{environment_.mainLoop, notifications_, preferences_, errorChannel_,
-                              [this] { return hostName(); }, [this] { return isQuitting(); }});
+                              [this] { return hostName(); }, [this] { return isQuitting(); },
+                              environment_.paths, environment_.tools});
   endpoint_ = std::make_unique<ListeningEndpoint>(
       ListeningEndpoint::Environment{preferences_, workers_, guard_, registry_, *this},
       rootObject_);
@@ -365,6 +366,11 @@ void AppController::observeNotifications() {
        [&item](const plist::Dictionary&) { item.enableMaintenance(); }},
       {"QVKestrinMaintenanceDisable",
        [&item](const plist::Dictionary&) { item.disableMaintenance(); }},
+      // From kestrin-maintenance, the user's way to the status item's actions.
+      {"QVKestrinMaintenanceRequest",
+       [&item](const plist::Dictionary&) { item.maintenanceRequestFromCommand(true); }},
+      {"QVKestrinMaintenanceCancel",
+       [&item](const plist::Dictionary&) { item.maintenanceRequestFromCommand(false); }},
       {"QVKestrinCurrentStatus", [&item](const plist::Dictionary&) { item.notifyCurrentStatus(); }},
       {"QVKestrinDisconnect", [this](const plist::Dictionary& info) { disconnect(info); }},
       {"QVKestrinRelaunch", [this](const plist::Dictionary&) { relaunch(); }},
@@ -395,8 +401,8 @@ void AppController::disconnect() {
     QVLog::appendLog("Preparing to disconnect...");
     setQuitting();
     stopService();
-    environment_.mainLoop.runOnMainThreadAndWait(
-        [] { QVLog::appendLog("Hiding menu bar item..."); });
+    // Quitting by now, the item sends no cancellation to the admins.
+    environment_.mainLoop.runOnMainThreadAndWait([this] { statusItem_->hideMenuBarItem(); });
   } catch (const std::exception& e) {
     std::cerr << "Exception in -[AppController disconnect]: " << typeid(e).name() << " - "
               << e.what() << std::endl;

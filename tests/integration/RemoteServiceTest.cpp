@@ -323,5 +323,35 @@ TEST_F(AgentNotifications, TheAgentOutlivesItsSessionBusAndHearsAgainOnceItIsBac
   EXPECT_FALSE(agent->process().waitForExit(0ms).has_value());
 }
 
+// What kestrin-maintenance prints, and its exit status.
+std::pair<int, std::string> runMaintenance(const std::string& verb) {
+  FILE* pipe = ::popen((std::string(KESTRIN_MAINTENANCE_PATH) + " " + verb).c_str(), "r");
+  std::string out;
+  char buffer[256];
+  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) {
+    out.append(buffer, n);
+  }
+  int status = ::pclose(pipe);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+}
+
+TEST_F(AgentNotifications, TheUsersCommandSendsAndCancelsARequestAtEveryAdmin) {
+  auto client = transport::RpcClient::connectTcp("127.0.0.1", port, 10s);
+  ASSERT_TRUE(client.ok());
+  auto callback = std::make_shared<RecordingObject>(testing::errorCallbackSelectors());
+  (*client)->root()->invoke("setErrorCallback:", {Value(plist::ObjectRef(callback))});
+  Value host = (*client)->root()->invoke("hostName", {});
+
+  EXPECT_EQ(runMaintenance("request"),
+            std::make_pair(0, std::string("Maintenance request sent.\n")));
+  EXPECT_EQ(runMaintenance("cancel"),
+            std::make_pair(0, std::string("Maintenance request canceled.\n")));
+  ASSERT_TRUE(eventually([&] { return callback->calls().size() == 2; }, 10s));
+  EXPECT_EQ(callback->selectorsCalled(),
+            (std::vector<std::string>{"requestMaintenance:", "cancelMaintenance:"}));
+  EXPECT_EQ(callback->calls()[0].arguments, std::vector<Value>{host});
+  EXPECT_EQ(runMaintenance("now").first, 2);
+}
+
 } // namespace
 } // namespace kestrin

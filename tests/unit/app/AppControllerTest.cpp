@@ -10,6 +10,7 @@
 #include "app/StatusItem.h"
 #include "fixtures/AgentProcess.h"
 #include "fixtures/RecordingObject.h"
+#include "fixtures/TempDir.h"
 #include "fixtures/ThrowawayMachine.h"
 #include "foundation/QVAuthorization.h"
 #include "platform/ManualClock.h"
@@ -208,6 +209,51 @@ TEST_F(AppControllerTest, ShutdownWhileAReconnectionWaitsEndsWithoutRestarting) 
   ASSERT_NE(shutdown, std::string::npos);
   EXPECT_LT(shutdown, log.find("Preparing to disconnect..."));
   EXPECT_EQ(log.find("Listening on port", shutdown), std::string::npos);
+}
+
+TEST_F(AppControllerTest, MaintenanceRequestsReachTheAdminsAndQuittingHidesWithoutCancelling) {
+  writePrefs({{"enableMaintenanceRequests", 0}});
+  AppController controller(environment());
+  auto callback = std::make_shared<testing::RecordingObject>(testing::errorCallbackSelectors());
+  controller.errorChannel().setErrorCallback(callback);
+  StatusItem& item = controller.statusItem();
+
+  item.sendMaintenanceRequest();
+  EXPECT_TRUE(controller.maintenanceRequested());
+  item.cancelMaintenanceRequest(); // the settings keep a request once made
+  EXPECT_TRUE(controller.maintenanceRequested());
+  item.requestMaintenance(); // with no menu to read, the action cancels
+  writePrefs({});
+  item.hideMenuBarItem(); // not quitting: the request is cancelled
+  EXPECT_FALSE(controller.maintenanceRequested());
+  controller.disconnect(); // hides the item too, quitting: no cancellation
+  EXPECT_THAT(callback->selectorsCalled(),
+              ElementsAre("requestMaintenance:", "cancelMaintenance:", "cancelMaintenance:",
+                          "cancelMaintenance:", "willDisconnect:"));
+  EXPECT_THAT(callback->calls()[0].arguments, ElementsAre(Value(controller.hostName())));
+  std::string log = machine.logText();
+  EXPECT_NE(log.find("Hiding menu bar item...", log.find("Preparing to disconnect...")),
+            std::string::npos);
+}
+
+TEST_F(AppControllerTest, ThePreferencePaneOpensOnlyWhenItIsThere) {
+  auto opener = machine.root() / "xdg-open";
+  auto opened = machine.root() / "opened";
+  testing::writeText(opener, "#!/bin/sh\necho \"$@\" > " + opened.string() + "\n");
+  std::filesystem::permissions(opener, std::filesystem::perms::owner_all);
+  platform::ToolTable withOpener = tools.withPath(platform::Tool::XdgOpen, opener.string());
+  AppController controller(
+      {machine.paths(), loop, bundle.string(), clock, withOpener, authorization});
+  auto pane = machine.root() / "Library/PreferencePanes/Kestrin.prefPane";
+
+  controller.statusItem().launchPrefPane();
+  EXPECT_NE(machine.logText().find("Error: unable to locate " + pane.string()), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(opened));
+
+  std::filesystem::create_directories(pane);
+  controller.statusItem().launchPrefPane();
+  EXPECT_TRUE(
+      testing::eventually([&] { return testing::readText(opened) == pane.string() + "\n"; }));
 }
 
 TEST(QVErrorCallbackObj, ForwardsTheToolsCallsToTheControllerAndSkipsWhatItLacks) {
