@@ -145,10 +145,14 @@ bool AppController::init() {
   disconnectAllOtherInstances();
   QVLog::appendLog("Version {}.", bundle_.clientVersion());
   icons_.reset();
+  connectToWindowServer();
   startService();
+  // The privileged-operations object came with the environment: the entry point made it.
   workers_.submit([this] {
     guard_.run("-[AppController populateQVApps]", [this] { applications_.populateQVApps(); });
   });
+  // NOT YET BUILT: the system profile is cached here on a worker (cacheSevrinSystemInfo),
+  // beside the inventory above, once the tool front-ends provide it.
   observeNotifications();
 
   // The bundle's own "lastRunVersion" is compared while the preference file receives the
@@ -158,12 +162,20 @@ bool AppController::init() {
   const std::string* last = lastRunVersion.asString();
   if (last == nullptr || *last != version) {
     setObjectForPreferenceDictionaryKey(version, "lastRunVersion");
+    // NOT YET BUILT: a software-update check starts here on a worker
+    // (forceSoftwareUpdateCheck), once software updates exist.
   }
+  // NOT YET BUILT: the render-cluster list loads here on a worker (qmasterClusters), once
+  // the render-cluster operations exist.
   return true;
 }
 
 void AppController::applicationDidFinishLaunching() {
   systemEvents_->start();
+}
+
+void AppController::connectToWindowServer() {
+  QVLog::appendLog("Connecting to WindowServer...");
 }
 
 // ---- service

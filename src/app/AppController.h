@@ -98,6 +98,8 @@ public:
   void systemShutdown() override;
   void systemSleep() override;
   void systemWake() override;
+  // There is no window server to connect to; the line stays for those who read the log.
+  void connectToWindowServer();
 
   // ---- ending
   void disconnect() override;

@@ -84,6 +84,8 @@ TEST_F(AppControllerTest, StartUpLogsItsStepsAndRecordsTheVersionThatRan) {
   ASSERT_NE(at("Version 321."), std::string::npos);
   EXPECT_LT(at("Starting up..."), at("Disconnecting other instances of client..."));
   EXPECT_LT(at("Searching for other instances of client..."), at("Version 321."));
+  EXPECT_LT(at("Version 321."), at("Connecting to WindowServer..."));
+  EXPECT_LT(at("Connecting to WindowServer..."), at("Starting vending..."));
 }
 
 TEST_F(AppControllerTest, CustomPortIsLoggedOnlyWhenAccepted) {
