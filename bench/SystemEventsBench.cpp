@@ -41,21 +41,7 @@ sockaddr_in loopback(int port) {
   return address;
 }
 
-// A port nobody listens on now.
-int freePort() {
-  FileDescriptor socket(::socket(AF_INET, SOCK_STREAM, 0));
-  sockaddr_in address = loopback(0);
-  socklen_t length = sizeof address;
-  ::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
-  ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
-  return ntohs(address.sin_port);
-}
-
-bool accepting(int port) {
-  FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address = loopback(port);
-  return ::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-}
+using kestrin::testing::accepting;
 
 void waitUntilAccepting(int port) {
   while (!accepting(port)) {
@@ -128,7 +114,7 @@ struct Machine {
     waitUntilAccepting(port);
   }
 
-  int port = freePort();
+  int port = kestrin::testing::freePort();
   PrivateBus bus{PrivateBus::Kind::System};
   FakeLogind logind;
   std::optional<kestrin::testing::RunningAgent> agent;

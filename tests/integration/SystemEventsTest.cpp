@@ -1,13 +1,10 @@
-// The agent through the workstation's own life, with a login manager of the test's own: run
+// The agent through the workstation's own life, against a login manager of the test's own. Run
 // through tests/scripts/with-private-login (root), which gives the test its own /run/systemd.
 
 #include <atomic>
-#include <csignal>
-#include <sstream>
+#include <mutex>
 #include <thread>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +14,7 @@
 #include "fixtures/FakeLogind.h"
 #include "fixtures/MakerTools.h"
 #include "fixtures/PrivateBus.h"
+#include "platform/LoginManager.h"
 #include "plist/PropertyList.h"
 #include "transport/RpcClient.h"
 
@@ -27,23 +25,6 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using plist::Value;
 using testing::eventually;
-using testing::FakeLogind;
-using testing::PrivateBus;
-using testing::RunningAgent;
-
-constexpr uid_t kNobody = 65534;
-
-// A port nobody listens on now, for the agent's custom port.
-int freePort() {
-  platform::FileDescriptor socket(::socket(AF_INET, SOCK_STREAM, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
-  ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
-  return ntohs(address.sin_port);
-}
 
 std::size_t count(const std::string& text, const std::string& part) {
   std::size_t n = 0;
@@ -60,42 +41,32 @@ protected:
       GTEST_SKIP() << "needs its own /run/systemd: run it through tests/scripts/with-private-login";
     }
     ASSERT_TRUE(systemBus.running());
-    // The agent's own user (root) is at the console when it starts.
-    logind = std::make_unique<FakeLogind>(::getuid());
-    port = freePort();
+    logind =
+        std::make_unique<testing::FakeLogind>(::getuid()); // the agent's user is at the console
     // As root the agent keeps its settings in the console user's home: this namespace's /root.
     fs::path settings = "/root/Library/Preferences/com.quorvane.Kestrin.plist";
     fs::create_directories(settings.parent_path());
     ASSERT_TRUE(plist::writeFile(
                     settings, Value(plist::Dictionary{{"customPortSet", 1}, {"customPort", port}}))
                     .ok());
-    agent = std::make_unique<RunningAgent>(
+    agent = std::make_unique<testing::RunningAgent>(
         fs::path{},
         std::map<std::string, std::string>{{"DBUS_SYSTEM_BUS_ADDRESS", systemBus.address()}},
         [](const fs::path& root) {
           testing::makeMakerTool(root / "Applications/Quorvane", "Tibbet", "com.quorvane.Tibbet",
                                  plist::Array{testing::makerTask("slow", {"--slow"})}, 0,
-                                 "touch \"$0.started\"\nsleep 2\necho done");
+                                 "touch \"$0.started\"\nsleep 2");
         });
     ASSERT_EQ(agent->waitForPort(), port) << testing::readText(agent->output());
     ASSERT_TRUE(logind->waitForLocksHeld(1, 20s));
   }
-
-  // Whether the agent's port takes a connection now.
-  bool accepting() const {
-    platform::FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    return ::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  }
+  bool accepting() const { return testing::accepting(port); }
   std::string log() const { return agent->logText(); }
 
-  PrivateBus systemBus{PrivateBus::Kind::System};
-  std::unique_ptr<FakeLogind> logind;
-  std::unique_ptr<RunningAgent> agent;
-  int port = 0;
+  testing::PrivateBus systemBus{testing::PrivateBus::Kind::System};
+  std::unique_ptr<testing::FakeLogind> logind;
+  std::unique_ptr<testing::RunningAgent> agent;
+  int port = testing::freePort();
 };
 
 TEST_F(SystemEventsTest, AUserSwitchAwayAndBackStopsAndRestartsTheServiceAndEndsARunningCall) {
@@ -111,21 +82,20 @@ TEST_F(SystemEventsTest, AUserSwitchAwayAndBackStopsAndRestartsTheServiceAndEnds
     }
     returned = true;
   });
-  fs::path started = agent->home().parent_path() /
-                     "root/Applications/Quorvane/Tibbet.app/Contents/MacOS/Tibbet.started";
-  ASSERT_TRUE(eventually([&] { return fs::exists(started); }));
+  ASSERT_TRUE(eventually([&] {
+    return fs::exists(agent->home().parent_path() /
+                      "root/Applications/Quorvane/Tibbet.app/Contents/MacOS/Tibbet.started");
+  }));
 
-  logind->activate(kNobody);
+  logind->activate(65534); // nobody
   EXPECT_TRUE(eventually([&] { return !accepting(); }));
   EXPECT_TRUE(eventually([&] { return returned.load(); }));
   caller.join();
-
   logind->activate(::getuid());
   EXPECT_TRUE(eventually([&] { return accepting(); }));
   std::string text = log();
   auto out = text.find("User logged out: nobody");
   auto in = text.find("User logged in: root");
-  ASSERT_NE(out, std::string::npos) << text;
   ASSERT_NE(in, std::string::npos) << text;
   EXPECT_LT(out, in);
   EXPECT_LT(text.find("System event: user logged out."), in);
@@ -133,8 +103,7 @@ TEST_F(SystemEventsTest, AUserSwitchAwayAndBackStopsAndRestartsTheServiceAndEnds
 
   // The login screen is nobody at the console: the agent's user has left.
   logind->activate(std::nullopt);
-  EXPECT_TRUE(
-      eventually([&] { return log().find("User logged out: (null)") != std::string::npos; }));
+  EXPECT_TRUE(eventually([&] { return count(log(), "User logged out: (null)") == 1; }));
   EXPECT_TRUE(eventually([&] { return !accepting(); }));
 }
 
@@ -142,15 +111,14 @@ TEST_F(SystemEventsTest, SleepReleasesTheLockOnlyOnceStoppedAndEveryWakeRestarts
   logind->prepareForSleep(true);
   ASSERT_TRUE(logind->waitForLocksHeld(0, 20s));
   EXPECT_FALSE(accepting()); // the service had stopped when the lock went
-  std::string text = log();
-  EXPECT_LT(text.find("System event: entering sleep mode..."), text.rfind("Disconnected"));
+  EXPECT_LT(log().find("System event: entering sleep mode..."), log().rfind("Disconnected"));
 
   logind->prepareForSleep(false);
   EXPECT_TRUE(logind->waitForLocksHeld(1, 20s));
   EXPECT_TRUE(eventually([&] { return accepting(); }));
   EXPECT_EQ(logind->locksGranted(), 2u);
 
-  // A wake with no sleep before it restarts all the same, and holds on to the one lock.
+  // A wake with no sleep before it restarts all the same, and keeps the one lock.
   std::size_t starts = count(log(), "Starting vending...");
   logind->prepareForSleep(false);
   EXPECT_TRUE(eventually([&] { return count(log(), "Starting vending...") == starts + 1; }));
@@ -167,34 +135,24 @@ TEST_F(SystemEventsTest, OnlyTheLoginManagerIsHeardAndAFloodEndsInTheStateOfItsL
   EXPECT_EQ(count(log(), "System event: entering sleep mode..."), 0u);
   EXPECT_EQ(logind->locksHeld(), 1u);
 
-  logind->prepareForSleep(true);
-  ASSERT_TRUE(logind->waitForLocksHeld(0, 20s));
-
-  long threads = -1;
+  std::string threads = "/proc/" + std::to_string(agent->process().pid()) + "/task";
   auto threadCount = [&] {
-    std::istringstream status(
-        testing::readText("/proc/" + std::to_string(agent->process().pid()) + "/status"));
-    for (std::string line; std::getline(status, line);) {
-      if (line.rfind("Threads:", 0) == 0) {
-        return std::stol(line.substr(8));
-      }
-    }
-    return -1L;
+    return std::distance(fs::directory_iterator(threads), fs::directory_iterator());
   };
-  threads = threadCount();
+  auto before = threadCount();
   for (int i = 0; i < 1000; ++i) {
-    logind->prepareForSleep(false);
     logind->prepareForSleep(true);
+    logind->prepareForSleep(false);
   }
-  logind->prepareForSleep(false);
   EXPECT_TRUE(logind->waitForLocksHeld(1, 60s));
-  EXPECT_TRUE(eventually([&] { return accepting(); }, 60s));
-  auto lastEvent = [&] {
-    std::string text = log();
-    return text.substr(text.rfind("System event: "), 30);
-  };
-  EXPECT_TRUE(eventually([&] { return lastEvent().find("woke from sleep") != std::string::npos; }));
-  EXPECT_LE(threadCount(), threads + 4); // a few idle workers at most, not one per event
+  EXPECT_TRUE(eventually(
+      [&] {
+        std::string text = log();
+        return text.find("woke from sleep", text.rfind("System event: ")) != std::string::npos &&
+               accepting();
+      },
+      60s));
+  EXPECT_LE(threadCount(), before + 4); // a few idle workers at most, not one per event
 
   logind->prepareForSleep(true);
   EXPECT_TRUE(logind->waitForLocksHeld(0, 20s));
@@ -214,6 +172,53 @@ TEST_F(SystemEventsTest, ShutdownEndsTheAgentWithoutReconnecting) {
   EXPECT_NE(text.find("Preparing to disconnect...", shutdown), std::string::npos);
   EXPECT_EQ(text.find("Listening on port", shutdown), std::string::npos);
   EXPECT_EQ(text.find("Reconnecting in", shutdown), std::string::npos);
+}
+
+// The seam itself, without the agent: what reaches the delegate, and the lock.
+class Recorder : public platform::LoginManager::Delegate {
+public:
+  void prepareForSleep(bool starting) override { add(starting ? "sleep" : "wake"); }
+  void prepareForShutdown(bool starting) override { add(starting ? "shutdown" : "no shutdown"); }
+  void sessionActiveChanged(bool active) override { add(active ? "active" : "inactive"); }
+  void loginManagerLost(const std::string&) override { add("lost"); }
+  std::vector<std::string> events() {
+    std::lock_guard lock(mutex);
+    return heard;
+  }
+
+private:
+  void add(std::string event) {
+    std::lock_guard lock(mutex);
+    heard.push_back(std::move(event));
+  }
+  std::mutex mutex;
+  std::vector<std::string> heard;
+};
+
+TEST(LoginManager, ReportsTheAgentsSessionAndTheManagersSignalsAndNobodyElses) {
+  if (std::getenv("KESTRIN_PRIVATE_LOGIN") == nullptr) {
+    GTEST_SKIP() << "needs its own /run/systemd: run it through tests/scripts/with-private-login";
+  }
+  testing::PrivateBus bus(testing::PrivateBus::Kind::System);
+  testing::FakeLogind logind(::getuid());
+  Recorder recorder;
+  auto manager = platform::LoginManager::connectSystemBus(recorder);
+  ASSERT_TRUE(manager.ok()) << manager.message();
+  EXPECT_TRUE((*manager)->loginManagerPresent());
+  EXPECT_TRUE(logind.waitForLocksHeld(1, 10s));
+
+  logind.activate(65534);        // the agent's session goes inactive
+  logind.activate(std::nullopt); // another's does: not the agent's business
+  logind.activate(::getuid());
+  logind.spoofPrepareForSleep(true);
+  logind.prepareForShutdown(false);
+  ASSERT_TRUE(eventually([&] { return recorder.events().size() == 3; }));
+  EXPECT_EQ(recorder.events(), (std::vector<std::string>{"inactive", "active", "no shutdown"}));
+
+  (*manager)->releaseDelayLock();
+  EXPECT_TRUE(logind.waitForLocksHeld(0, 10s));
+  ASSERT_TRUE((*manager)->takeDelayLock().ok());
+  EXPECT_TRUE(logind.waitForLocksHeld(1, 10s));
 }
 
 } // namespace

@@ -1,8 +1,12 @@
+#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <optional>
 
+#include <fcntl.h>
 #include <sdbus-c++/sdbus-c++.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-login.h>
 #include <unistd.h>
 
 #include "platform/LoginManager.h"
@@ -16,12 +20,29 @@ constexpr const char* kLogind = "org.freedesktop.login1";
 constexpr const char* kManagerPath = "/org/freedesktop/login1";
 constexpr const char* kManager = "org.freedesktop.login1.Manager";
 constexpr const char* kSession = "org.freedesktop.login1.Session";
-constexpr const char* kUser = "org.freedesktop.login1.User";
 constexpr const char* kSessionPaths = "/org/freedesktop/login1/session";
 constexpr const char* kBusDriver = "org.freedesktop.DBus";
 constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
 // A lost or wedged login manager must not hold the bus's thread for long.
 constexpr std::chrono::seconds kCallTimeout{5};
+
+// The object path of the agent's session: the one it runs in or, for a service of the user's
+// outside every session, the user's graphical one. Empty when there is neither.
+std::string ownSessionPath() {
+  char* id = nullptr;
+  if (sd_pid_get_session(0, &id) < 0 && sd_uid_get_display(::getuid(), &id) < 0) {
+    return {};
+  }
+  char* path = nullptr;
+  int encoded = sd_bus_path_encode(kSessionPaths, id, &path);
+  std::free(id);
+  if (encoded < 0) {
+    return {};
+  }
+  std::string result(path);
+  std::free(path);
+  return result;
+}
 
 class LogindLoginManager final : public LoginManager {
 public:
@@ -89,6 +110,9 @@ public:
           .withArguments(std::string("sleep:shutdown"), std::string("Kestrin"),
                          std::string("Stopping the maintenance service"), std::string("delay"))
           .storeResultsTo(fd);
+      // The received descriptor is a duplicate without close-on-exec: a program the agent
+      // starts must never hold sleep back.
+      ::fcntl(fd.get(), F_SETFD, FD_CLOEXEC);
       std::lock_guard lock(mutex_);
       lock_ = std::move(fd);
       return {};
@@ -147,12 +171,11 @@ private:
     if (name != kLogind) {
       return;
     }
-    // A restarted login manager knows nothing of the old lock or session.
+    // A restarted login manager knows nothing of the old lock.
     releaseDelayLock();
     {
       std::lock_guard lock(mutex_);
       owner_.clear();
-      ownSession_.clear();
     }
     if (!newOwner.empty()) {
       loginManagerAppeared(newOwner);
@@ -165,43 +188,6 @@ private:
       owner_ = owner;
     }
     (void)takeDelayLock(); // refused: sleep and shutdown simply do not wait for the agent
-    resolveOwnSession();
-  }
-
-  // The agent's session: the one it runs in, or, for a service of the user's outside every
-  // session, the user's graphical one. Empty when there is neither.
-  void resolveOwnSession() {
-    std::string path;
-    try {
-      sdbus::ObjectPath session;
-      manager_->callMethod("GetSessionByPID")
-          .onInterface(kManager)
-          .withTimeout(kCallTimeout)
-          .withArguments(static_cast<std::uint32_t>(::getpid()))
-          .storeResultsTo(session);
-      path = session;
-    } catch (const sdbus::Error&) {
-      try {
-        sdbus::ObjectPath user;
-        manager_->callMethod("GetUser")
-            .onInterface(kManager)
-            .withTimeout(kCallTimeout)
-            .withArguments(static_cast<std::uint32_t>(::getuid()))
-            .storeResultsTo(user);
-        auto userProxy = sdbus::createProxy(*connection_, kLogind, user);
-        sdbus::Variant display;
-        userProxy->callMethod("Get")
-            .onInterface(kProperties)
-            .withTimeout(kCallTimeout)
-            .withArguments(std::string(kUser), std::string("Display"))
-            .storeResultsTo(display);
-        path = display.get<sdbus::Struct<std::string, sdbus::ObjectPath>>().get<1>();
-      } catch (const sdbus::Error&) {
-        path.clear();
-      }
-    }
-    std::lock_guard lock(mutex_);
-    ownSession_ = path == "/" ? std::string() : path;
   }
 
   void sessionPropertiesChanged(sdbus::Message& message) {
@@ -220,19 +206,8 @@ private:
     if (interface != kSession || active == changed.end()) {
       return;
     }
-    std::string path = message.getPath();
-    bool ours;
-    {
-      std::lock_guard lock(mutex_);
-      ours = path == ownSession_;
-    }
-    if (!ours) {
-      // The user may have logged in anew since the session was looked up.
-      resolveOwnSession();
-      std::lock_guard lock(mutex_);
-      ours = path == ownSession_;
-    }
-    if (!ours) {
+    // Looked up each time: the user may have logged in anew since the last change.
+    if (message.getPath() != ownSessionPath()) {
       return;
     }
     try {
@@ -249,8 +224,7 @@ private:
   std::vector<sdbus::Slot> matches_;
 
   mutable std::mutex mutex_;
-  std::string owner_;      // unique name owning the login manager's name, empty when none
-  std::string ownSession_; // object path of the agent's session, empty when unknown
+  std::string owner_; // unique name owning the login manager's name, empty when none
   sdbus::UnixFd lock_;
 
   // Last: it starts once everything above exists and, destroyed first, ends before any goes.
