@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
+#include <thread>
 
 #include <benchmark/benchmark.h>
 #include <netinet/in.h>
