@@ -98,6 +98,7 @@ int runAgent() {
   if (!controller.init()) {
     return 0;
   }
+  controller.applicationDidFinishLaunching();
   installer().cleanupMountedDisks();
   if (auto signal = mainLoop.run()) {
     controller.terminate(*signal);

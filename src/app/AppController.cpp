@@ -53,6 +53,7 @@ AppController::AppController(Environment environment)
       preferences_(preferencePath(environment_.paths)), bundle_(environment_.bundlePath),
       workspace_(platform::Workspace::forMachine(environment_.paths.machine().localRoot,
                                                  environment_.paths.machine().home)),
+      notifications_(timer_, workers_),
       guard_([this] { return isQuitting(); },
              [this](double seconds) { reconnectWithTimeInterval(seconds); }),
       errorChannel_({timer_, workers_, guard_, [this] { return hostName(); },
@@ -79,7 +80,8 @@ AppController::AppController(Environment environment)
   rootObject_ = std::make_shared<operations::ControllerObject>(operations_->table(), guard_);
   statusItem_ = std::make_unique<StatusItem>(
       StatusItem::Environment{environment_.mainLoop, notifications_, preferences_, errorChannel_,
-                              [this] { return hostName(); }, [this] { return isQuitting(); }});
+                              [this] { return hostName(); }, [this] { return isQuitting(); },
+                              environment_.paths, environment_.tools});
   endpoint_ = std::make_unique<ListeningEndpoint>(
       ListeningEndpoint::Environment{preferences_, workers_, guard_, registry_, *this},
       rootObject_);
@@ -89,6 +91,8 @@ AppController::AppController(Environment environment)
       rootObject_);
   advertisementDelegate_ = std::make_unique<AdvertisementDelegate>(*this);
   advertisement_ = std::make_unique<transport::ServiceAdvertisement>(*advertisementDelegate_);
+  systemEvents_ =
+      std::make_unique<SystemEvents>(workers_, static_cast<SystemEvents::Handlers&>(*this));
 }
 
 AppController::~AppController() {
@@ -98,6 +102,7 @@ AppController::~AppController() {
   // service or reach the parts that go away below.
   timer_.stop();
   workers_.stop();
+  systemEvents_.reset();
   advertisement_.reset();
   callbackEndpoint_.reset();
   endpoint_.reset();
@@ -141,11 +146,15 @@ bool AppController::init() {
   disconnectAllOtherInstances();
   QVLog::appendLog("Version {}.", bundle_.clientVersion());
   icons_.reset();
+  connectToWindowServer();
   startService();
   announce();
+  // The privileged-operations object came with the environment: the entry point made it.
   workers_.submit([this] {
     guard_.run("-[AppController populateQVApps]", [this] { applications_.populateQVApps(); });
   });
+  // NOT YET BUILT: the system profile is cached here on a worker (cacheSevrinSystemInfo),
+  // beside the inventory above, once the tool front-ends provide it.
   observeNotifications();
 
   // The bundle's own "lastRunVersion" is compared while the preference file receives the
@@ -155,7 +164,11 @@ bool AppController::init() {
   const std::string* last = lastRunVersion.asString();
   if (last == nullptr || *last != version) {
     setObjectForPreferenceDictionaryKey(version, "lastRunVersion");
+    // NOT YET BUILT: a software-update check starts here on a worker
+    // (forceSoftwareUpdateCheck), once software updates exist.
   }
+  // NOT YET BUILT: the render-cluster list loads here on a worker (qmasterClusters), once
+  // the render-cluster operations exist.
   return true;
 }
 
@@ -187,6 +200,14 @@ void AppController::announce() {
             << endpoint_->listenPortNumber() << "\n"
             << "Log: " << QVLog::sharedController().currentLogPath() << "\n"
             << "Settings: " << preferences_.path() << std::endl;
+}
+
+void AppController::applicationDidFinishLaunching() {
+  systemEvents_->start();
+}
+
+void AppController::connectToWindowServer() {
+  QVLog::appendLog("Connecting to WindowServer...");
 }
 
 // ---- service
@@ -333,6 +354,42 @@ void AppController::netServiceDidNotPublish(const plist::Dictionary& error) {
   reconnectWithTimeInterval(10.0);
 }
 
+// ---- the workstation's own life
+
+void AppController::userLogIn() {
+  QVLog::appendLog("System event: user logged in.");
+  guard_.run("-[AppController userLogIn:]", [this] { restartService(); });
+}
+
+void AppController::userLogOut() {
+  QVLog::appendLog("System event: user logged out.");
+  guard_.run("-[AppController userLogOut:]", [this] { stopService(); });
+}
+
+void AppController::systemShutdown() {
+  QVLog::appendLog("System event: shutdown.");
+  disconnect();
+}
+
+void AppController::systemSleep() {
+  QVLog::appendLog("System event: entering sleep mode...");
+  guard_.run("-[AppController systemSleep:]", [this] { stopService(); });
+}
+
+// Waking restarts the service whatever its state: sockets held across sleep may be dead.
+void AppController::systemWake() {
+  QVLog::appendLog("System event: woke from sleep");
+  guard_.run("-[AppController systemWake:]", [this] { restartService(); });
+}
+
+// An agent on its way out (a disconnect, a signal) stops but starts nothing again.
+void AppController::restartService() {
+  stopService();
+  if (!isQuitting_) {
+    startService();
+  }
+}
+
 // ---- distributed notifications
 
 void AppController::disconnectAllOtherInstances() {
@@ -353,6 +410,11 @@ void AppController::observeNotifications() {
        [&item](const plist::Dictionary&) { item.enableMaintenance(); }},
       {"QVKestrinMaintenanceDisable",
        [&item](const plist::Dictionary&) { item.disableMaintenance(); }},
+      // From kestrin-maintenance, the user's way to the status item's actions.
+      {"QVKestrinMaintenanceRequest",
+       [&item](const plist::Dictionary&) { item.maintenanceRequestFromCommand(true); }},
+      {"QVKestrinMaintenanceCancel",
+       [&item](const plist::Dictionary&) { item.maintenanceRequestFromCommand(false); }},
       {"QVKestrinCurrentStatus", [&item](const plist::Dictionary&) { item.notifyCurrentStatus(); }},
       {"QVKestrinDisconnect", [this](const plist::Dictionary& info) { disconnect(info); }},
       {"QVKestrinRelaunch", [this](const plist::Dictionary&) { relaunch(); }},
@@ -383,8 +445,8 @@ void AppController::disconnect() {
     QVLog::appendLog("Preparing to disconnect...");
     setQuitting();
     stopService();
-    environment_.mainLoop.runOnMainThreadAndWait(
-        [] { QVLog::appendLog("Hiding menu bar item..."); });
+    // Quitting by now, the item sends no cancellation to the admins.
+    environment_.mainLoop.runOnMainThreadAndWait([this] { statusItem_->hideMenuBarItem(); });
   } catch (const std::exception& e) {
     std::cerr << "Exception in -[AppController disconnect]: " << typeid(e).name() << " - "
               << e.what() << std::endl;

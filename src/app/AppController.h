@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "app/ListeningEndpoint.h"
+#include "app/SystemEvents.h"
 #include "foundation/NotificationHub.h"
 #include "foundation/PreferenceFile.h"
 #include "foundation/QVBugReporter.h"
@@ -53,7 +54,9 @@ class ServiceAdvertisement;
 // Threads: init() and the signal path run on the main thread; remote operations, start-up
 // work, notification handlers and reconnections run on the controller's worker pool; deadlines
 // on its timer. The destructor stops both before anything they use goes away.
-class AppController final : public operations::AgentControl, private ListeningEndpoint::Delegate {
+class AppController final : public operations::AgentControl,
+                            private ListeningEndpoint::Delegate,
+                            private SystemEvents::Handlers {
 public:
   static constexpr const char* kBundleIdentifier = operations::AgentBundle::kBundleIdentifier;
   static constexpr const char* kApplicationName = operations::AgentBundle::kApplicationName;
@@ -78,6 +81,8 @@ public:
 
   // The whole start-up, in order. Answers false when the controller could not be set up.
   bool init();
+  // After start-up: the console-user watcher and the login manager's events.
+  void applicationDidFinishLaunching();
 
   // ---- service
   void startService();
@@ -86,6 +91,15 @@ public:
   // Schedules one restart of the whole service after the interval; does nothing while one is
   // pending.
   void reconnectWithTimeInterval(double seconds) override;
+
+  // ---- the workstation's own life; each logs its line, then acts
+  void userLogIn() override;
+  void userLogOut() override;
+  void systemShutdown() override;
+  void systemSleep() override;
+  void systemWake() override;
+  // There is no window server to connect to; the line stays for those who read the log.
+  void connectToWindowServer();
 
   // ---- ending
   void disconnect() override;
@@ -142,6 +156,7 @@ private:
   void observeNotifications();
   QVBugReporter::StampWriter stampWriter();
   void reconnectAfter(double seconds);
+  void restartService();
   void setQuitting();
 
   class AdvertisementDelegate;
@@ -168,6 +183,7 @@ private:
   std::unique_ptr<CallbackEndpoint> callbackEndpoint_;
   std::unique_ptr<AdvertisementDelegate> advertisementDelegate_;
   std::unique_ptr<transport::ServiceAdvertisement> advertisement_;
+  std::unique_ptr<SystemEvents> systemEvents_;
   std::vector<NotificationHub::Observation> observations_;
 
   std::atomic<bool> initialized_{false};

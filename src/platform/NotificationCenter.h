@@ -15,8 +15,11 @@ namespace kestrin::platform {
 class NotificationCenter {
 public:
   using Handler = std::function<void(const plist::Dictionary& userInfo)>;
+  // Why the bus went away; runs once, on the bus's thread, after delivery has ended.
+  using LostHandler = std::function<void(const std::string& reason)>;
 
-  // Delivery to one observer lasts as long as this token; dropping it ends delivery.
+  // Delivery to one observer lasts as long as this token; dropping it ends delivery. Tokens
+  // must be dropped before the center that made them.
   class Observation {
   public:
     Observation() = default;
@@ -30,8 +33,13 @@ public:
   virtual ~NotificationCenter() = default;
 
   // The session bus; a Failure when there is none (no DBUS_SESSION_BUS_ADDRESS, no runtime
-  // folder, no daemon), and the caller runs without notifications.
-  static Expected<std::unique_ptr<NotificationCenter>> connectSessionBus();
+  // folder, no daemon), and the caller runs without notifications. When the bus ends later
+  // (its daemon stopped, the session closed), lost is told: this center then posts and
+  // delivers nothing, and a working one must be connected anew.
+  static Expected<std::unique_ptr<NotificationCenter>> connectSessionBus(LostHandler lost = {});
+
+  // False once the bus went away.
+  virtual bool isConnected() const = 0;
 
   // Fire and forget. Safe from any thread.
   virtual void post(const std::string& name, const plist::Dictionary& userInfo) = 0;

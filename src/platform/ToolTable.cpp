@@ -31,6 +31,7 @@ constexpr std::array<ToolInfo, kToolCount> kTools{{
     {Tool::Gm, "gm", "/usr/bin/gm"},
     {Tool::Ditto, "ditto", ""},              // beside the running executable, see below
     {Tool::KestrinAuth, "kestrin_auth", ""}, // beside the running executable, see below
+    {Tool::XdgOpen, "xdg_open", "/usr/bin/xdg-open"},
 }};
 
 constexpr bool inEnumerationOrder() {

@@ -30,9 +30,10 @@ enum class Tool {
   Ditto,        // zip archives, written and extracted out of the agent's process; the bundle's
                 // own program, beside the agent's executable
   KestrinAuth,  // the setuid helper for administrator rights, beside the agent's executable
+  XdgOpen,      // opens a document or a URL with the desktop's handler for it
 };
 
-inline constexpr std::size_t kToolCount = static_cast<std::size_t>(Tool::KestrinAuth) + 1;
+inline constexpr std::size_t kToolCount = static_cast<std::size_t>(Tool::XdgOpen) + 1;
 
 // Where each program lives. Tests and the integration harness point entries at fake tools,
 // so no test ever runs the machine's real chown or systemctl.

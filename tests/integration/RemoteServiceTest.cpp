@@ -12,7 +12,7 @@
 #include "admin/AdminClient.h"
 #include "admin/JsonValue.h"
 #include "admin/QVCallback.h"
-#include "fixtures/PrivateSessionBus.h"
+#include "fixtures/PrivateBus.h"
 #include "fixtures/RecordingObject.h"
 #include "foundation/QVEncryption.h"
 #include "platform/NotificationCenter.h"
@@ -192,7 +192,7 @@ protected:
     std::this_thread::sleep_for(200ms);
   }
 
-  testing::PrivateSessionBus bus;
+  testing::PrivateBus bus{testing::PrivateBus::Kind::Session};
   std::unique_ptr<platform::NotificationCenter> center;
   std::unique_ptr<RunningAgent> agent;
   int port = 0;
@@ -301,6 +301,56 @@ TEST_F(AgentNotifications, TheCallbackRelayForwardsOneNotificationOnce) {
   EXPECT_EQ(posted, 1);
   EXPECT_TRUE(agent->logContains("Setting up callback listener"));
   EXPECT_TRUE(agent->logContains("Posting callback"));
+}
+
+TEST_F(AgentNotifications, TheAgentOutlivesItsSessionBusAndHearsAgainOnceItIsBack) {
+  center.reset();
+  bus.stop();
+  ASSERT_TRUE(
+      eventually([&] { return agent->logContains("Distributed notifications are off: "); }));
+  ASSERT_TRUE(bus.start());
+  ASSERT_TRUE(eventually(
+      [&] { return agent->logContains("Distributed notifications are on again."); }, 60s));
+
+  // It lived through it, and observes again what it observed before.
+  auto connected = platform::NotificationCenter::connectSessionBus();
+  ASSERT_TRUE(connected.ok()) << connected.message();
+  std::atomic<int> statuses{0};
+  auto observation =
+      (*connected)->observe("QVKestrinStatusUpdate", [&](const plist::Dictionary&) { ++statuses; });
+  (*connected)->post("QVKestrinCurrentStatus", {});
+  EXPECT_TRUE(eventually([&] { return statuses > 0; }, 10s));
+  EXPECT_FALSE(agent->process().waitForExit(0ms).has_value());
+}
+
+// What kestrin-maintenance prints, and its exit status.
+std::pair<int, std::string> runMaintenance(const std::string& verb) {
+  FILE* pipe = ::popen((std::string(KESTRIN_MAINTENANCE_PATH) + " " + verb).c_str(), "r");
+  std::string out;
+  char buffer[256];
+  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) {
+    out.append(buffer, n);
+  }
+  int status = ::pclose(pipe);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+}
+
+TEST_F(AgentNotifications, TheUsersCommandSendsAndCancelsARequestAtEveryAdmin) {
+  auto client = transport::RpcClient::connectTcp("127.0.0.1", port, 10s);
+  ASSERT_TRUE(client.ok());
+  auto callback = std::make_shared<RecordingObject>(testing::errorCallbackSelectors());
+  (*client)->root()->invoke("setErrorCallback:", {Value(plist::ObjectRef(callback))});
+  Value host = (*client)->root()->invoke("hostName", {});
+
+  EXPECT_EQ(runMaintenance("request"),
+            std::make_pair(0, std::string("Maintenance request sent.\n")));
+  EXPECT_EQ(runMaintenance("cancel"),
+            std::make_pair(0, std::string("Maintenance request canceled.\n")));
+  ASSERT_TRUE(eventually([&] { return callback->calls().size() == 2; }, 10s));
+  EXPECT_EQ(callback->selectorsCalled(),
+            (std::vector<std::string>{"requestMaintenance:", "cancelMaintenance:"}));
+  EXPECT_EQ(callback->calls()[0].arguments, std::vector<Value>{host});
+  EXPECT_EQ(runMaintenance("now").first, 2);
 }
 
 } // namespace

@@ -10,11 +10,14 @@
 #include <regex>
 #include <string>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "fixtures/AgentProcess.h"
 #include "fixtures/TempDir.h"
+#include "platform/FileDescriptor.h"
 
 namespace kestrin::testing {
 
@@ -87,6 +90,28 @@ private:
   std::filesystem::path runtime_;
   std::unique_ptr<AgentProcess> process_;
 };
+
+// A loopback port nobody listens on now, for an agent's custom port.
+inline int freePort() {
+  platform::FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+  ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
+  return ntohs(address.sin_port);
+}
+
+// Whether something takes connections on the loopback port now.
+inline bool accepting(int port) {
+  platform::FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  return ::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+}
 
 #ifdef KESTRIN_AMBRANT_PATH
 // Runs ambrant with a command line's arguments; answers its exit status and standard output

@@ -1,8 +1,10 @@
 #include <mutex>
+#include <optional>
 
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "platform/NotificationCenter.h"
+#include "platform/linux/DBusEventLoop.h"
 #include "plist/PropertyList.h"
 
 namespace kestrin::platform {
@@ -21,17 +23,20 @@ bool matchable(const std::string& name) {
 
 class DBusNotificationCenter final : public NotificationCenter {
 public:
-  explicit DBusNotificationCenter(std::unique_ptr<sdbus::IConnection> connection)
+  DBusNotificationCenter(std::unique_ptr<sdbus::IConnection> connection, LostHandler lost)
       : connection_(std::move(connection)),
         object_(sdbus::createObject(*connection_, kObjectPath)) {
     object_->registerSignal(kMember)
         .onInterface(kInterface)
         .withParameters<std::string, std::vector<std::uint8_t>>();
     object_->finishRegistration();
-    connection_->enterEventLoopAsync();
+    loop_.emplace(*connection_, std::move(lost));
   }
 
-  ~DBusNotificationCenter() override { connection_->leaveEventLoop(); }
+  // The loop ends first, so no handler runs while the matches and the object go.
+  ~DBusNotificationCenter() override { loop_.reset(); }
+
+  bool isConnected() const override { return loop_->running(); }
 
   void post(const std::string& name, const plist::Dictionary& userInfo) override {
     auto bytes = plist::toBinary(plist::Value(userInfo));
@@ -42,7 +47,7 @@ public:
     try {
       object_->emitSignal(kMember).onInterface(kInterface).withArguments(name, *bytes);
     } catch (const sdbus::Error&) {
-      // The bus went away: notifications are off from now on, as when there was none.
+      // The bus went away: the loop has noticed, or notices at its next turn.
     }
   }
 
@@ -79,14 +84,16 @@ private:
   std::mutex mutex_;
   std::unique_ptr<sdbus::IConnection> connection_;
   std::unique_ptr<sdbus::IObject> object_;
+  std::optional<DBusEventLoop> loop_;
 };
 
 } // namespace
 
-Expected<std::unique_ptr<NotificationCenter>> NotificationCenter::connectSessionBus() {
+Expected<std::unique_ptr<NotificationCenter>>
+NotificationCenter::connectSessionBus(LostHandler lost) {
   try {
-    return std::unique_ptr<NotificationCenter>(
-        std::make_unique<DBusNotificationCenter>(sdbus::createSessionBusConnection()));
+    return std::unique_ptr<NotificationCenter>(std::make_unique<DBusNotificationCenter>(
+        sdbus::createSessionBusConnection(), std::move(lost)));
   } catch (const sdbus::Error& e) {
     return Failure{"no session bus: " + e.getMessage()};
   }

@@ -10,6 +10,7 @@
 #include "app/StatusItem.h"
 #include "fixtures/AgentProcess.h"
 #include "fixtures/RecordingObject.h"
+#include "fixtures/TempDir.h"
 #include "fixtures/ThrowawayMachine.h"
 #include "foundation/QVAuthorization.h"
 #include "platform/ManualClock.h"
@@ -83,6 +84,8 @@ TEST_F(AppControllerTest, StartUpLogsItsStepsAndRecordsTheVersionThatRan) {
   ASSERT_NE(at("Version 321."), std::string::npos);
   EXPECT_LT(at("Starting up..."), at("Disconnecting other instances of client..."));
   EXPECT_LT(at("Searching for other instances of client..."), at("Version 321."));
+  EXPECT_LT(at("Version 321."), at("Connecting to WindowServer..."));
+  EXPECT_LT(at("Connecting to WindowServer..."), at("Starting vending..."));
 }
 
 TEST_F(AppControllerTest, CustomPortIsLoggedOnlyWhenAccepted) {
@@ -171,9 +174,10 @@ TEST_F(AppControllerTest, RootObjectAnswersClearErrorsForUnknownSelectorsAndBadA
 TEST_F(AppControllerTest, OneReconnectionAtATimeRestartsTheWholeService) {
   AppController controller(environment());
   ASSERT_TRUE(controller.init());
+  std::size_t pending = controller.timer().pending(); // the notifications' retry, without a bus
   controller.reconnectWithTimeInterval(1.0);
   controller.reconnectWithTimeInterval(1.0); // already pending: ignored
-  ASSERT_TRUE(testing::eventually([&] { return controller.timer().pending() > 0; }));
+  ASSERT_TRUE(testing::eventually([&] { return controller.timer().pending() > pending; }));
   EXPECT_FALSE(controller.isConnected());
   clock.advance(std::chrono::seconds(1));
   // The restarted service logs its port before it counts as connected, so wait for both.
@@ -188,6 +192,70 @@ TEST_F(AppControllerTest, OneReconnectionAtATimeRestartsTheWholeService) {
   auto first = log.find("Reconnecting in 1 seconds...");
   EXPECT_EQ(log.find("Reconnecting in 1 seconds...", first + 1), std::string::npos);
   EXPECT_NE(log.find("Stopping vending...", log.find("Disconnecting...")), std::string::npos);
+}
+
+TEST_F(AppControllerTest, ShutdownWhileAReconnectionWaitsEndsWithoutRestarting) {
+  AppController controller(environment());
+  ASSERT_TRUE(controller.init());
+  std::size_t pending = controller.timer().pending();
+  controller.reconnectWithTimeInterval(1.0);
+  ASSERT_TRUE(testing::eventually([&] { return controller.timer().pending() > pending; }));
+  controller.systemShutdown();
+  clock.advance(std::chrono::seconds(1));
+  controller.timer().waitUntilIdle();
+  ASSERT_TRUE(testing::eventually([&] { return controller.workers().backlog() == 0; }));
+  EXPECT_FALSE(controller.isConnected());
+  EXPECT_EQ(loop.run(), std::nullopt); // the shutdown asked the main loop to end
+  std::string log = machine.logText();
+  auto shutdown = log.find("System event: shutdown.");
+  ASSERT_NE(shutdown, std::string::npos);
+  EXPECT_LT(shutdown, log.find("Preparing to disconnect..."));
+  EXPECT_EQ(log.find("Listening on port", shutdown), std::string::npos);
+}
+
+TEST_F(AppControllerTest, MaintenanceRequestsReachTheAdminsAndQuittingHidesWithoutCancelling) {
+  writePrefs({{"enableMaintenanceRequests", 0}});
+  AppController controller(environment());
+  auto callback = std::make_shared<testing::RecordingObject>(testing::errorCallbackSelectors());
+  controller.errorChannel().setErrorCallback(callback);
+  StatusItem& item = controller.statusItem();
+
+  item.sendMaintenanceRequest();
+  EXPECT_TRUE(controller.maintenanceRequested());
+  item.cancelMaintenanceRequest(); // the settings keep a request once made
+  EXPECT_TRUE(controller.maintenanceRequested());
+  item.requestMaintenance(); // with no menu to read, the action cancels
+  writePrefs({});
+  item.hideMenuBarItem(); // not quitting: the request is cancelled
+  EXPECT_FALSE(controller.maintenanceRequested());
+  controller.disconnect(); // hides the item too, quitting: no cancellation
+  EXPECT_THAT(callback->selectorsCalled(),
+              ElementsAre("requestMaintenance:", "cancelMaintenance:", "cancelMaintenance:",
+                          "cancelMaintenance:", "willDisconnect:"));
+  EXPECT_THAT(callback->calls()[0].arguments, ElementsAre(Value(controller.hostName())));
+  std::string log = machine.logText();
+  EXPECT_NE(log.find("Hiding menu bar item...", log.find("Preparing to disconnect...")),
+            std::string::npos);
+}
+
+TEST_F(AppControllerTest, ThePreferencePaneOpensOnlyWhenItIsThere) {
+  auto opener = machine.root() / "xdg-open";
+  auto opened = machine.root() / "opened";
+  testing::writeText(opener, "#!/bin/sh\necho \"$@\" > " + opened.string() + "\n");
+  std::filesystem::permissions(opener, std::filesystem::perms::owner_all);
+  platform::ToolTable withOpener = tools.withPath(platform::Tool::XdgOpen, opener.string());
+  AppController controller(
+      {machine.paths(), loop, bundle.string(), clock, withOpener, authorization});
+  auto pane = machine.root() / "Library/PreferencePanes/Kestrin.prefPane";
+
+  controller.statusItem().launchPrefPane();
+  EXPECT_NE(machine.logText().find("Error: unable to locate " + pane.string()), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(opened));
+
+  std::filesystem::create_directories(pane);
+  controller.statusItem().launchPrefPane();
+  EXPECT_TRUE(
+      testing::eventually([&] { return testing::readText(opened) == pane.string() + "\n"; }));
 }
 
 TEST(QVErrorCallbackObj, ForwardsTheToolsCallsToTheControllerAndSkipsWhatItLacks) {

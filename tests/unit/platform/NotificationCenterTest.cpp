@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "fixtures/PrivateSessionBus.h"
+#include "fixtures/PrivateBus.h"
 
 namespace kestrin::platform {
 namespace {
@@ -42,7 +42,7 @@ protected:
     listener = std::move(*b);
   }
 
-  testing::PrivateSessionBus bus;
+  testing::PrivateBus bus{testing::PrivateBus::Kind::Session};
   std::unique_ptr<NotificationCenter> poster;
   std::unique_ptr<NotificationCenter> listener;
 };
