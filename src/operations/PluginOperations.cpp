@@ -3,6 +3,7 @@
 
 #include "operations/PluginOperations.h"
 
+#include <climits>
 #include <filesystem>
 
 #include <sys/stat.h>
@@ -42,8 +43,16 @@ constexpr QVTaskEx::TimeLimit kVantryLimit{20.0};
 // What the rights-holding helper is given to make a trash or a move take effect.
 constexpr auto kAuthSettle = 1s;
 
-std::string described(const std::optional<plist::Dictionary>& record) {
-  return record ? plist::describe(Value(*record)) : "(null)";
+// Callers' texts in the log are cut at the longest path the system takes: one hostile call
+// must not be able to push the log's earlier files out of its rotation.
+constexpr std::size_t kShownLimit = PATH_MAX;
+std::string shown(std::string_view text) {
+  return text.size() <= kShownLimit ? std::string(text)
+                                    : std::string(text.substr(0, kShownLimit)) + "...";
+}
+
+std::string described(const Value& value) {
+  return shown(plist::describe(value));
 }
 
 std::optional<std::string> stringIn(const std::optional<plist::Dictionary>& dictionary,
@@ -144,12 +153,15 @@ std::string PluginOperations::expandTilde(const std::string& path) const {
 
 bool PluginOperations::isPluginPath(const std::string& path) const {
   for (const PluginFolders::Row& row : inventory_->folderTable()) {
+    if (path.size() >= PATH_MAX) {
+      break;
+    }
     if (PluginFolders::isInside(path, row.folder) ||
         PluginFolders::isInside(path, folders_.disabledFolder() + row.folder)) {
       return true;
     }
   }
-  QVLog::appendLog("Refusing {}: not inside a plug-in folder", path);
+  QVLog::appendLog("Refusing {}: not inside a plug-in folder", shown(path));
   return false;
 }
 
@@ -170,14 +182,14 @@ std::optional<plist::Data>
 PluginOperations::vantryPluginData(std::optional<plist::Dictionary> record) {
   services_.errorChannel.setProcessingCancelled(false);
   auto fullPath = stringIn(record, "fullPath");
-  QVLog::appendLog("Getting plugin data from plugin {}...", fullPath.value_or("(null)"));
+  QVLog::appendLog("Getting plugin data from plugin {}...", shown(fullPath.value_or("(null)")));
   if (!fullPath) {
     QVLog::appendLog("Unable to determine plugin path");
     return std::nullopt;
   }
   const std::string& path = *fullPath;
   if (!existsHere(path)) {
-    QVLog::appendLog("Unable to locate file {}", path);
+    QVLog::appendLog("Unable to locate file {}", shown(path));
     return std::nullopt;
   }
   if (!isPluginPath(path)) {
@@ -220,7 +232,7 @@ PluginOperations::vantryPluginData(std::optional<plist::Dictionary> record) {
 void PluginOperations::vantryInstallPlugin(std::optional<plist::Dictionary> record,
                                            std::optional<plist::Data> archiveBytes) {
   services_.errorChannel.setProcessingCancelled(false);
-  QVLog::appendLog("Installing plugin {}", described(record));
+  QVLog::appendLog("Installing plugin {}", record ? described(Value(*record)) : "(null)");
   if (!archiveBytes || archiveBytes->empty()) {
     QVLog::appendLog("Error: no plugin data found");
     return;
@@ -229,8 +241,8 @@ void PluginOperations::vantryInstallPlugin(std::optional<plist::Dictionary> reco
   auto type = stringIn(record, "type");
   std::optional<std::string> folder = type ? folders_.typeFolder(*type, true) : std::nullopt;
   if (!folder) {
-    QVLog::appendLog("Unknown plugin type {}", type        ? *type
-                                               : typeValue ? plist::describe(*typeValue)
+    QVLog::appendLog("Unknown plugin type {}", type        ? shown(*type)
+                                               : typeValue ? described(*typeValue)
                                                            : std::string("(null)"));
     folder = folders_.typeFolder("Audio Unit", true);
   }
@@ -238,7 +250,7 @@ void PluginOperations::vantryInstallPlugin(std::optional<plist::Dictionary> reco
   // Only the last component is used, and it must name something: "../x" installs x, and
   // nothing is ever written outside the type's folder.
   std::string name = filename ? lastComponent(*filename) : "";
-  if (name.empty() || name == "." || name == ".." || name == "/") {
+  if (name.empty() || name == "." || name == ".." || name == "/" || name.size() > NAME_MAX) {
     QVLog::appendLog("Unable to determine destination filename");
     return;
   }
@@ -275,7 +287,7 @@ void PluginOperations::vantryUpdatePlugin(std::optional<plist::Dictionary> authI
   const Value* dataValue = memberOf(settings, "obj2");
   const plist::Data* bytes = dataValue ? dataValue->asData() : nullptr;
   QVLog::appendLog("Updating plugin {}",
-                   recordValue ? plist::describe(*recordValue) : std::string("(null)"));
+                   recordValue ? described(*recordValue) : std::string("(null)"));
   if (bytes == nullptr || bytes->empty()) {
     QVLog::appendLog("Error: no plugin data found");
     return;
@@ -379,9 +391,9 @@ void PluginOperations::vantryEnablePlugin(std::optional<plist::Dictionary> authI
   const Value* disable = memberOf(settings, "obj2");
   std::int64_t how = disable ? disable->integerValue().value_or(0) : 0;
   if (how != 0) {
-    QVLog::appendLog("Disabling Vantry plugin {}...", path.value_or("(null)"));
+    QVLog::appendLog("Disabling Vantry plugin {}...", shown(path.value_or("(null)")));
   } else {
-    QVLog::appendLog("Enabling Vantry plugin {}...", path.value_or("(null)"));
+    QVLog::appendLog("Enabling Vantry plugin {}...", shown(path.value_or("(null)")));
   }
   if (path && !isPluginPath(*path)) {
     return;
@@ -401,8 +413,8 @@ void PluginOperations::vantryChangeAccess(std::optional<plist::Dictionary> authI
   std::optional<std::string> path = given ? std::optional(expandTilde(*given)) : std::nullopt;
   const Value* access = memberOf(settings, "obj2");
   std::int64_t domain = access ? access->integerValue().value_or(0) : 0;
-  QVLog::appendLog("Changing access type of Vantry plugin {} to {}...", path.value_or("(null)"),
-                   domain != 0 ? "Current User" : "All Users");
+  QVLog::appendLog("Changing access type of Vantry plugin {} to {}...",
+                   shown(path.value_or("(null)")), domain != 0 ? "Current User" : "All Users");
   if (path && !isPluginPath(*path)) {
     return;
   }

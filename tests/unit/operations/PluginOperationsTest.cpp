@@ -1,5 +1,6 @@
 #include "operations/PluginOperations.h"
 
+#include <climits>
 #include <future>
 
 #include <gtest/gtest.h>
@@ -233,6 +234,11 @@ TEST_F(PluginOperationsTest, OnlyPluginsInPluginFoldersAreFetched) {
       logged("Refusing " + (home() / "secret.txt").string() + ": not inside a plug-in folder"));
   EXPECT_TRUE(fetch(at((computerFx() / "Missing.fxplug").string())).isNull());
   EXPECT_TRUE(logged("Unable to locate file " + (computerFx() / "Missing.fxplug").string()));
+  // A huge path is turned away without a huge log line, which would rotate the log.
+  std::size_t before = log().size();
+  EXPECT_TRUE(fetch(at(computerFx().string() + "/" + std::string(1 << 20, 'a'))).isNull());
+  EXPECT_EQ(log().find("Log truncated"), std::string::npos);
+  EXPECT_LT(log().size(), before + 3 * PATH_MAX);
   // The disabled copy of a plug-in folder is one too.
   fs::path disabled = disabledFolder() + computerFx().string();
   bundle(disabled, "Off", "1.0");
