@@ -12,6 +12,7 @@
 #include "admin/AdminClient.h"
 #include "admin/ConfigurationReceiver.h"
 #include "admin/JsonValue.h"
+#include "admin/PluginCommands.h"
 #include "foundation/QVEncryption.h"
 #include "platform/ServiceBrowser.h"
 #include "plist/PropertyList.h"
@@ -32,6 +33,8 @@ constexpr const char* kUsage =
     "       ambrant call HOST:PORT SELECTOR [ARG ...] [--xml] [--linger SECONDS]\n"
     "       ambrant watch HOST:PORT\n"
     "       ambrant config HOST:PORT [--xml]\n"
+    "       ambrant plugins HOST:PORT\n"
+    "       ambrant copy-plugin FROM:PORT TO:PORT PATH\n"
     "       ambrant encrypt-password\n"
     "ARG is a JSON value; {\"$data\":\"<base64>\"} is data, {\"$date\":\"<ISO 8601>\"} a date.\n";
 
@@ -261,6 +264,12 @@ int ambrantMain(const std::vector<std::string>& arguments) {
     }
     if (command == "watch") {
       return watch(rest);
+    }
+    if (command == "plugins") {
+      return pluginsCommand(rest);
+    }
+    if (command == "copy-plugin") {
+      return copyPluginCommand(rest);
     }
     if (command == "browse") {
       return browse(rest);

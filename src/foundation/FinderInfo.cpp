@@ -30,6 +30,17 @@ void FinderInfo::setFlags(std::uint16_t flags) {
   bytes_[kFlagsOffset + 1] = static_cast<std::uint8_t>(flags & 0xFF);
 }
 
+std::uint32_t FinderInfo::fileType() const {
+  return static_cast<std::uint32_t>(bytes_[0]) << 24 | static_cast<std::uint32_t>(bytes_[1]) << 16 |
+         static_cast<std::uint32_t>(bytes_[2]) << 8 | bytes_[3];
+}
+
+void FinderInfo::setFileType(std::uint32_t type) {
+  for (int i = 0; i < 4; ++i) {
+    bytes_[i] = static_cast<std::uint8_t>(type >> (24 - 8 * i));
+  }
+}
+
 Expected<FinderInfo> FinderInfo::read(const std::string& path) {
   // One byte more than needed, so that an oversized value shows as such rather than as ERANGE.
   std::array<std::uint8_t, kSize + 1> buffer{};

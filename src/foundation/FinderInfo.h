@@ -32,6 +32,9 @@ public:
 
   std::uint16_t flags() const;
   void setFlags(std::uint16_t flags);
+  // A file's four-character type code ('FCSC' is 0x46435343), bytes 0 to 3.
+  std::uint32_t fileType() const;
+  void setFileType(std::uint32_t type);
 
   // The information of the file at path (followed when it is a link); all zero when it has
   // none or a malformed one. A failure only when the file itself cannot be examined.

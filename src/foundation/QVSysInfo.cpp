@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "foundation/PluginInventory.h"
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
 #include "platform/Workspace.h"
@@ -267,6 +268,19 @@ plist::Dictionary QVSysInfo::kexts() const {
   return records;
 }
 
+plist::Array QVSysInfo::plugins(bool includeDisabled) const {
+  const QVLocalPaths::Machine& machine = paths_.machine();
+  auto workspace = platform::Workspace::forMachine(machine.localRoot, machine.home);
+  return PluginInventory(paths_, workspace).plugins(includeDisabled);
+}
+
+plist::Array QVSysInfo::pluginsAtPath(const std::string& folder,
+                                      const std::optional<std::string>& type) const {
+  const QVLocalPaths::Machine& machine = paths_.machine();
+  auto workspace = platform::Workspace::forMachine(machine.localRoot, machine.home);
+  return PluginInventory(paths_, workspace).pluginsAtPath(folder, type);
+}
+
 void QVSysInfo::addVersions(plist::Dictionary& into) const {
   into.set("QuickTime Version", quickTimeVersionString());
   const auto& applications = reportedApplications();
@@ -279,8 +293,7 @@ plist::Dictionary QVSysInfo::systemProfile() const {
   plist::Dictionary profile;
   addVersions(profile);
   const auto& applications = reportedApplications();
-  // The plug-in inventory joins here with the plug-in model; until then it is empty.
-  profile.set("Plugins", plist::Dictionary{});
+  profile.set("Plugins", plugins(false));
   profile.set("OS X Version", OSXVersionString());
   profile.set(applications.back().key,
               versionStringForBundleID(applications.back().bundleIdentifier));

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/SystemFacts.h"
@@ -11,9 +12,9 @@ namespace kestrin {
 
 class QVLocalPaths;
 
-// What the machine is: hardware, system and application versions, frameworks and kernel
-// extensions, with the documented fallbacks where a fact is missing ("Unknown", 0, 10.5.0 for
-// the system and 7.0.0 for QuickTime, which Linux does not have).
+// What the machine is: hardware, system and application versions, frameworks, kernel
+// extensions and plug-ins, with the documented fallbacks where a fact is missing ("Unknown",
+// 0, 10.5.0 for the system and 7.0.0 for QuickTime, which Linux does not have).
 //
 // Stateless apart from the facts it was made with; shared() answers for this machine.
 class QVSysInfo {
@@ -70,6 +71,12 @@ public:
   // extensions (".kext" or ".bundle") of the system Library.
   plist::Dictionary frameworks() const;
   plist::Dictionary kexts() const;
+
+  // The plug-in inventory (see PluginInventory): every folder of the plug-in table, each
+  // followed by its disabled copy when includeDisabled; and the plug-ins of one folder.
+  plist::Array plugins(bool includeDisabled) const;
+  plist::Array pluginsAtPath(const std::string& folder,
+                             const std::optional<std::string>& type) const;
 
   // The applications whose versions the profiles report, in their order: the accessor's
   // bundle identifier and the profile key.

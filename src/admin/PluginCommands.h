@@ -1,0 +1,23 @@
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace kestrin {
+class QVGroupItem;
+}
+
+namespace kestrin::admin {
+
+// ambrant plugins HOST:PORT: the agent's plug-in tree, grouped by type and folder.
+int pluginsCommand(const std::vector<std::string>& arguments);
+// ambrant copy-plugin FROM:PORT TO:PORT PATH: the plug-in at PATH on one agent, installed on
+// another (in the user's folder of its type, as installing does).
+int copyPluginCommand(const std::vector<std::string>& arguments);
+
+// One line per type, folder and sub-folder, each indented below its group, and one per
+// plug-in: name, version, "enabled" or "disabled", and "computer" or "user", tab-separated.
+void printPluginTree(std::ostream& out, const QVGroupItem& root);
+
+} // namespace kestrin::admin
