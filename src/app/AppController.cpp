@@ -144,6 +144,10 @@ bool AppController::init() {
   workers_.submit([this] {
     guard_.run("-[AppController populateQVApps]", [this] { applications_.populateQVApps(); });
   });
+  workers_.submit([this] {
+    guard_.run("-[AppController cacheSevrinSystemInfo]",
+               [this] { operations_->cacheSevrinSystemInfo(); });
+  });
   observeNotifications();
 
   // The bundle's own "lastRunVersion" is compared while the preference file receives the
