@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include "admin/AdminClient.h"
+#include "admin/BackupCommands.h"
 #include "admin/ConfigurationReceiver.h"
 #include "admin/JsonValue.h"
 #include "admin/PluginCommands.h"
@@ -36,6 +37,8 @@ constexpr const char* kUsage =
     "       ambrant plugins HOST:PORT\n"
     "       ambrant copy-plugin FROM:PORT TO:PORT PATH\n"
     "       ambrant encrypt-password\n"
+    "       ambrant backup HOST:PORT PATH FILE\n"
+    "       ambrant restore HOST:PORT FILE\n"
     "ARG is a JSON value; {\"$data\":\"<base64>\"} is data, {\"$date\":\"<ISO 8601>\"} a date.\n";
 
 // Prints every event an agent pushes, one line each, on standard error.
@@ -276,6 +279,12 @@ int ambrantMain(const std::vector<std::string>& arguments) {
     }
     if (command == "encrypt-password") {
       return encryptPassword();
+    }
+    if (command == "backup") {
+      return backupCommand(rest, std::cout);
+    }
+    if (command == "restore") {
+      return restoreCommand(rest, std::cout);
     }
   } catch (const std::invalid_argument&) {
     std::cerr << "ambrant: an option's value is not a number" << std::endl;

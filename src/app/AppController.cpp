@@ -153,8 +153,10 @@ bool AppController::init() {
   workers_.submit([this] {
     guard_.run("-[AppController populateQVApps]", [this] { applications_.populateQVApps(); });
   });
-  // NOT YET BUILT: the system profile is cached here on a worker (cacheSevrinSystemInfo),
-  // beside the inventory above, once the tool front-ends provide it.
+  workers_.submit([this] {
+    guard_.run("-[AppController cacheSevrinSystemInfo]",
+               [this] { operations_->cacheSevrinSystemInfo(); });
+  });
   observeNotifications();
 
   // The bundle's own "lastRunVersion" is compared while the preference file receives the

@@ -4,8 +4,15 @@
 #include "operations/ControllerOperations.h"
 #include "operations/CredentialOperations.h"
 #include "operations/ErrorChannelOperations.h"
+#include "operations/FeldaneOperations.h"
+#include "operations/HembryOperations.h"
+#include "operations/LintrowOperations.h"
+#include "operations/OrrickOperations.h"
 #include "operations/PluginOperations.h"
+#include "operations/ScallinOperations.h"
+#include "operations/SevrinOperations.h"
 #include "operations/TaskOperations.h"
+#include "operations/TibbetOperations.h"
 
 namespace kestrin::operations {
 
@@ -13,13 +20,21 @@ struct AgentOperations::Groups {
   explicit Groups(const Services& s)
       : controller(s.agent, s.bundle), errorChannel(s.errorChannel, s.callbackRelay),
         credentials(s.authorization, s.errorChannel), tasks(s),
-        configuration(s.applications, s.bundle, s.agent), plugins(s) {}
+        configuration(s.applications, s.bundle, s.agent), lintrow(s), feldane(s), tibbet(s),
+        hembry(s), orrick(s), scallin(s), sevrin(s.paths, s.errorChannel), plugins(s) {}
 
   ControllerOperations controller;
   ErrorChannelOperations errorChannel;
   CredentialOperations credentials;
   TaskOperations tasks;
   ConfigurationOperations configuration;
+  LintrowOperations lintrow;
+  FeldaneOperations feldane;
+  TibbetOperations tibbet;
+  HembryOperations hembry;
+  OrrickOperations orrick;
+  ScallinOperations scallin;
+  SevrinOperations sevrin;
   PluginOperations plugins;
 };
 
@@ -31,6 +46,17 @@ AgentOperations::AgentOperations(const Services& services)
   groups_->tasks.registerIn(table_);
   groups_->configuration.registerIn(table_);
   groups_->plugins.registerIn(table_);
+  groups_->lintrow.registerIn(table_);
+  groups_->feldane.registerIn(table_);
+  groups_->tibbet.registerIn(table_);
+  groups_->hembry.registerIn(table_);
+  groups_->orrick.registerIn(table_);
+  groups_->scallin.registerIn(table_);
+  groups_->sevrin.registerIn(table_);
+}
+
+void AgentOperations::cacheSevrinSystemInfo() {
+  groups_->sevrin.cacheSevrinSystemInfo();
 }
 
 AgentOperations::~AgentOperations() = default;

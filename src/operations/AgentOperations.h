@@ -19,6 +19,10 @@ public:
 
   const OperationTable& table() const { return table_; }
 
+  // Start-up work that is no remote operation: gathers the system profile that Sevrin's
+  // operation answers, so that the first request finds it ready. Slow; for a worker.
+  void cacheSevrinSystemInfo();
+
 private:
   struct Groups;
   std::unique_ptr<Groups> groups_;

@@ -202,5 +202,20 @@ TEST_F(AdministratorRights, TheCallbackFormRelaysTheOutputOfARunWithRights) {
   EXPECT_TRUE(callback->calls().empty());
 }
 
+TEST_F(AdministratorRights, AToolFrontEndGivenCredentialsRunsItsToolThroughTheHelper) {
+  auto credentials = [&](const std::string& text) {
+    return Value(
+        plist::Dictionary{{"authUser", administrator_->name()}, {"authPass", password(text)}});
+  };
+  Value settings(plist::Dictionary{{"obj2", true}});
+  fs::remove(marker()); // the account, and its home, serve the whole suite
+  call("tibbetEnableTask:settings:", {credentials("wrong"), settings});
+  EXPECT_TRUE(callbackGotCode(1006));
+  EXPECT_FALSE(fs::exists(marker()));
+  call("tibbetEnableTask:settings:", {credentials(administrator_->password()), settings});
+  ASSERT_TRUE(eventually([&] { return readText(marker()) == "0\n"; }))
+      << readText(output.path() / "agent.out");
+}
+
 } // namespace
 } // namespace kestrin
