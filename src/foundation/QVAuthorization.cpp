@@ -256,8 +256,8 @@ bool Session::authRemoveFile(const std::string& path) {
   if (owner_->refuseSystemDirectory(path, "delete path")) {
     return false;
   }
-  return authExecTask(owner_->environment_.tools.path(platform::Tool::Rm), {"-Rdf", path}, false) ==
-         0;
+  return authExecTask(owner_->environment_.tools.path(platform::Tool::Rm), {"-Rdf", "--", path},
+                      false) == 0;
 }
 
 std::string Session::trashDestination(const std::string& path) const {
@@ -303,8 +303,8 @@ bool Session::authTrashFolderContents(const std::string& path, bool deleteOnRoot
     if (owner_->userDirectory_ || !owner_->environment_.runningAsRoot || !deleteOnRootAccount) {
       done = authTrashFile(entry);
     } else {
-      done = authExecTask(owner_->environment_.tools.path(platform::Tool::Rm), {"-R", "-f", entry},
-                          false) == 0;
+      done = authExecTask(owner_->environment_.tools.path(platform::Tool::Rm),
+                          {"-R", "-f", "--", entry}, false) == 0;
     }
     all = all && done;
   }
@@ -328,7 +328,7 @@ bool Session::authMoveFile(const std::optional<std::string>& from,
   if (!exists(*from)) {
     return false;
   }
-  return authExecTask(owner_->environment_.tools.path(platform::Tool::Mv), {"-f", *from, *to},
+  return authExecTask(owner_->environment_.tools.path(platform::Tool::Mv), {"-f", "--", *from, *to},
                       false) == 0;
 }
 
@@ -357,11 +357,11 @@ bool Session::authCopyFile(const std::optional<std::string>& from,
   }
   // As root the copy is only started: it answers true whatever the copy does later.
   return authExecTask(owner_->environment_.tools.path(platform::Tool::Cp),
-                      {"-f", "-p", "-R", *from, *to}, direct_) == 0;
+                      {"-f", "-p", "-R", "--", *from, *to}, direct_) == 0;
 }
 
 bool Session::authCreateDir(const std::string& path) {
-  return authExecTask(owner_->environment_.tools.path(platform::Tool::Mkdir), {"-p", path},
+  return authExecTask(owner_->environment_.tools.path(platform::Tool::Mkdir), {"-p", "--", path},
                       direct_) == 0;
 }
 

@@ -24,7 +24,9 @@ class QVLocalPaths;
 // work (authStart) runs as root without one.
 //
 // Credentials reach the helper on its standard input, never in arguments, the environment or a
-// log. Every removal, trash and move refuses the system's own directories.
+// log. Every removal, trash and move refuses the system's own directories, and every path handed
+// to rm, mv, cp or mkdir follows "--", so a name that begins with "-" is never read as an option
+// of a tool running as root.
 class QVAuthorization {
 public:
   struct Environment {
