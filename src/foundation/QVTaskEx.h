@@ -64,8 +64,9 @@ public:
     friend class QVTaskEx;
     mutable std::mutex mutex_;
     Task task_;
-    bool closed_ = false;  // the bounded run that owns this slot is over
-    bool expired_ = false; // its time limit has passed: a child published now is stopped at once
+    bool closed_ = false;    // the bounded run that owns this slot is over
+    bool expired_ = false;   // its time limit has passed: a child published now is stopped at once
+    Timer* timer_ = nullptr; // the bounded run's timer, which times the grace before SIGKILL
   };
 
   // Receives each chunk of an asynchronous run's standard output (never empty), then exactly
@@ -156,18 +157,20 @@ public:
   QVTaskEx& operator=(const QVTaskEx&) = delete;
 
   // The bounded runs, timed on this object's timer. The limit is cut to whole seconds toward
-  // zero: 2.9 s acts after 2 s, and a limit below one second acts at once. When it is reached while
-  // the child still runs, "Task <path> timed out. Terminating..." is logged and printed and the
-  // child receives SIGTERM; the run then answers what it had. One bounded run at a time per
-  // instance.
+  // zero: 2.9 s acts after 2 s, and a limit below one second acts at once. When it is reached
+  // while the run goes on (the child runs, or a process it started still holds its output),
+  // "Task <path> timed out. Terminating..." is logged and printed, reading stops, and the child's
+  // whole process group receives SIGTERM, then SIGKILL two seconds later on the timer if it
+  // has not ended ("Task <path> did not end when asked to. Killed."); the run then answers what
+  // it had. One bounded run at a time per instance.
   void runTaskBounded(const std::string& path, const Arguments& arguments, TimeLimit timeout);
   std::optional<plist::Data> dataFromTaskBounded(const std::string& path,
                                                  const Arguments& arguments, TimeLimit timeout);
   int terminationCodeFromTaskBounded(const std::string& path, const Arguments& arguments,
                                      TimeLimit timeout);
 
-  // Stops the current child if it still runs, with the time-out log line. Does nothing once a
-  // run is over (its child is no longer in theTask).
+  // Stops the current child and its process group as the time limit does, with the time-out
+  // log line. Does nothing once a run is over (its child is no longer in theTask).
   void timeout();
 
   // Starts the child (standard output to a pipe, standard error to the null device) and reads
@@ -182,8 +185,8 @@ public:
   // (terminateAsyncTask).
   void asyncTaskReturnData(const plist::Data& chunk);
   // Stops reading, forgets the delegate and context (no chunk is delivered afterwards, not even
-  // the empty one), sends SIGTERM to the child if it still runs and clears theTask. The reading
-  // thread then reaps the child. Any thread, also the delegate's own.
+  // the empty one), sends SIGTERM to the child's process group if the child still runs and
+  // clears theTask. The reading thread then reaps the child. Any thread, also the delegate's own.
   void terminateAsyncTask();
   void terminateTask() { terminateAsyncTask(); }
 
