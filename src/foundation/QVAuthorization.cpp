@@ -42,6 +42,12 @@ bool exists(const std::string& path) {
   return fs::exists(fs::symlink_status(path, ec));
 }
 
+SecretBuffer duplicate(const SecretBuffer& secret) {
+  SecretBuffer copy(secret.size());
+  copy.append(secret.data(), secret.size());
+  return copy;
+}
+
 std::vector<std::string> entriesOf(const std::string& folder) {
   std::vector<std::string> entries;
   std::error_code ec;
@@ -95,8 +101,7 @@ Session QVAuthorization::authStartWithUser(const std::optional<std::string>& use
   std::vector<std::string> arguments = environment_.helperOptions;
   arguments.emplace_back(auth::kCheckOption);
   int status = QVTaskEx::terminationCodeFromTaskWithInput(
-      environment_.tools.path(platform::Tool::KestrinAuth), arguments,
-      {frame.data(), frame.size()});
+      environment_.tools.path(platform::Tool::KestrinAuth), arguments, duplicate(frame));
   if (status != 0) {
     auto refusal = auth::authStatusFromExit(status);
     if (refusal && auth::refusesCredentials(*refusal)) {
@@ -184,9 +189,7 @@ SecretBuffer Session::credentialCopy() const {
     }
     return {};
   }
-  SecretBuffer copy(credentials_.size());
-  copy.append(credentials_.data(), credentials_.size());
-  return copy;
+  return duplicate(credentials_);
 }
 
 int Session::authExecTask(const std::string& tool, const std::vector<std::string>& parameters,
@@ -212,9 +215,8 @@ int Session::authExecTask(const std::string& tool, const std::vector<std::string
   std::vector<std::string> arguments = owner_->helperArguments(tool, parameters);
   std::string helper = owner_->environment_.tools.path(platform::Tool::KestrinAuth);
   auto run = [helper, arguments, frame] {
-    int status = QVTaskEx::terminationCodeFromTaskWithInput(helper, arguments,
-                                                            {frame->data(), frame->size()});
-    frame->wipe();
+    // The run's copy is gone once the helper has been started, however long its tool runs.
+    int status = QVTaskEx::terminationCodeFromTaskWithInput(helper, arguments, std::move(*frame));
     if (helperRefused(helper, status)) {
       return status;
     }
@@ -244,8 +246,7 @@ std::optional<std::string> Session::authOutputFromTask(const std::string& tool,
   }
   std::string helper = owner_->environment_.tools.path(platform::Tool::KestrinAuth);
   auto captured = QVTaskEx::capturedFromTaskWithInput(
-      helper, owner_->helperArguments(tool, parameters), {frame.data(), frame.size()});
-  frame.wipe();
+      helper, owner_->helperArguments(tool, parameters), std::move(frame));
   if (!captured || helperRefused(helper, captured->status)) {
     return std::nullopt;
   }

@@ -78,7 +78,7 @@ private:
   // per run: its threads end when idle and are joined, so they never pile up with use; and
   // rather than the session waiting in its destructor, so a caller that starts a long tool and
   // ends its session answers at once. Each run owns a copy of its session's credentials, wiped
-  // when the helper has read them. Last member: stopped before anything a run might use.
+  // as soon as they are in the helper's pipe. Last member: stopped before anything a run might use.
   mutable WorkerPool helperRuns_;
 };
 

@@ -110,14 +110,15 @@ bool isValidUtf8(const plist::Data& bytes) {
 std::optional<platform::Termination> runQuietly(const std::string& path,
                                                 const QVTaskEx::Arguments& arguments,
                                                 QVTaskEx::Slot* slot,
-                                                std::span<const std::uint8_t> standardInput = {}) {
+                                                SecretBuffer standardInput = {}) {
   if (!QVTaskEx::isRunnable(path)) {
     reportNotExecutable(path);
     return std::nullopt;
   }
   LaunchRequest request{path, arguments, std::nullopt, StreamTarget::Null, StreamTarget::Null};
-  request.standardInput = standardInput;
+  request.standardInput = {standardInput.data(), standardInput.size()};
   auto child = ChildProcess::launch(request);
+  standardInput.wipe(); // in the pipe now, or nowhere
   if (!child) {
     reportLaunchFailure(path, child.failure());
     return std::nullopt;
@@ -255,21 +256,22 @@ int QVTaskEx::terminationCodeFromTask(const std::string& path, const Arguments& 
 }
 
 int QVTaskEx::terminationCodeFromTaskWithInput(const std::string& path, const Arguments& arguments,
-                                               std::span<const std::uint8_t> standardInput) {
-  auto termination = runQuietly(path, arguments, nullptr, standardInput);
+                                               SecretBuffer standardInput) {
+  auto termination = runQuietly(path, arguments, nullptr, std::move(standardInput));
   return termination ? termination->status : -1;
 }
 
-std::optional<QVTaskEx::Captured>
-QVTaskEx::capturedFromTaskWithInput(const std::string& path, const Arguments& arguments,
-                                    std::span<const std::uint8_t> standardInput) {
+std::optional<QVTaskEx::Captured> QVTaskEx::capturedFromTaskWithInput(const std::string& path,
+                                                                      const Arguments& arguments,
+                                                                      SecretBuffer standardInput) {
   if (!isRunnable(path)) {
     reportNotExecutable(path);
     return std::nullopt;
   }
   LaunchRequest request{path, arguments, std::nullopt, StreamTarget::Pipe, StreamTarget::Pipe};
-  request.standardInput = standardInput;
+  request.standardInput = {standardInput.data(), standardInput.size()};
   auto child = ChildProcess::launch(request);
+  standardInput.wipe(); // in the pipe now, or nowhere
   if (!child) {
     reportLaunchFailure(path, child.failure());
     return std::nullopt;

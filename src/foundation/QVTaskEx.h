@@ -7,13 +7,13 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "platform/ChildProcess.h"
 #include "plist/Value.h"
+#include "support/SecretBuffer.h"
 
 namespace kestrin {
 class Timer;
@@ -96,9 +96,10 @@ public:
   static int terminationCodeFromTask(const std::string& path, const Arguments& arguments,
                                      TimeLimit timeout, Timer& timer = defaultTimer());
   // The same with bytes waiting on the child's standard input (at most 64 KiB): how secrets
-  // reach a helper without appearing in its arguments or environment.
+  // reach a helper without appearing in its arguments or environment. The bytes are wiped as
+  // soon as they are in the pipe, at the launch, however long the child then runs.
   static int terminationCodeFromTaskWithInput(const std::string& path, const Arguments& arguments,
-                                              std::span<const std::uint8_t> standardInput);
+                                              SecretBuffer standardInput);
 
   // A run with bytes on standard input whose exit status and output (standard output, then
   // standard error) both matter to the caller; null when refused or not launched.
@@ -106,9 +107,9 @@ public:
     int status = -1;
     plist::Data output;
   };
-  static std::optional<Captured>
-  capturedFromTaskWithInput(const std::string& path, const Arguments& arguments,
-                            std::span<const std::uint8_t> standardInput);
+  static std::optional<Captured> capturedFromTaskWithInput(const std::string& path,
+                                                           const Arguments& arguments,
+                                                           SecretBuffer standardInput);
 
   // The capturing run: standard output, or standard error when standard output is empty and
   // standard error is not (a tool that writes only to standard error answers its error text).
