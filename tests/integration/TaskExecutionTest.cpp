@@ -1,4 +1,5 @@
 #include <fstream>
+#include <future>
 
 #include <sys/stat.h>
 
@@ -89,6 +90,24 @@ TEST_F(TaskExecution, TheCallbackVariantReportsFailuresAndOutputToItsCallbackOnl
        {Value("clean"), Value("com.quorvane.Tibbet"), Value(), Value("admin"), Value(), Value(),
         Value("QVTaskOutput")});
   EXPECT_TRUE(agent.logContains("Error: No callback specified."));
+}
+
+// Links that make a folder contain itself, twice over: followed, they make a tree with no end
+// (2^n paths at depth n). The walk follows none of them, and the agent keeps serving.
+TEST_F(TaskExecution, ALinkLoopInAScannedFolderEndsAtOnce) {
+  fs::path loop = agent.home() / "loop";
+  fs::create_directories(loop / "inner");
+  fs::create_directory_symlink(".", loop / "again");
+  fs::create_directory_symlink("..", loop / "inner/up");
+  fs::create_directory_symlink(loop, loop / "inner/top");
+  auto scan = std::async(std::launch::async,
+                         [&] { return call("qvAppsInFolder:", {Value(loop.string())}); });
+  if (scan.wait_for(20s) != std::future_status::ready) {
+    agent.process().signal(SIGKILL); // so the call, and this test, can end
+    FAIL() << "the walk did not end";
+  }
+  EXPECT_EQ(scan.get(), Value(plist::Array{}));
+  EXPECT_TRUE(call("ping", {}).isNull());
 }
 
 } // namespace
