@@ -11,7 +11,7 @@ namespace kestrin::operations {
 struct AgentOperations::Groups {
   explicit Groups(const Services& s)
       : controller(s.agent, s.bundle), errorChannel(s.errorChannel, s.callbackRelay),
-        credentials(s.authorization, s.errorChannel), tasks(s),
+        credentials(s.credentials, s.errorChannel), tasks(s),
         configuration(s.applications, s.bundle, s.agent) {}
 
   ControllerOperations controller;
