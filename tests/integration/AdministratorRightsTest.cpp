@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "ThrowawayAccounts.h"
+#include "auth/PamService.h"
 #include "fixtures/AgentProcess.h"
 #include "fixtures/RecordingObject.h"
 #include "fixtures/TempDir.h"
@@ -66,7 +67,7 @@ protected:
     ThrowawayAccounts::SetUpTestSuite();
     // The service that -setup installs; put in place only for this run when missing.
     if (::geteuid() == 0 && !fs::exists(kPamService)) {
-      fs::copy_file(KESTRIN_SOURCE_DIR "/resources/pam.d/kestrin-auth", kPamService);
+      testing::writeText(kPamService, std::string(auth::kPamServiceText));
       installedPamService_ = true;
     }
   }

@@ -13,6 +13,7 @@
 
 #include "ThrowawayAccounts.h"
 #include "auth/AuthStatus.h"
+#include "auth/PamService.h"
 #include "fixtures/AgentProcess.h"
 #include "fixtures/ThrowawayMachine.h"
 
@@ -151,8 +152,7 @@ protected:
     secondAdministrator_ = std::make_unique<testing::ThrowawayUser>(true);
     // PAM reads the helper's service from a private folder, so /etc/pam.d stays untouched.
     confdir_ = std::make_unique<testing::TempDir>();
-    fs::copy_file(KESTRIN_SOURCE_DIR "/resources/pam.d/kestrin-auth",
-                  confdir_->path() / "kestrin-auth");
+    testing::writeText(confdir_->path() / "kestrin-auth", std::string(auth::kPamServiceText));
     for (const char* included : {"common-auth", "common-account"}) {
       fs::copy_file(fs::path("/etc/pam.d") / included, confdir_->path() / included);
     }
