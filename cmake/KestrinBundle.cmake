@@ -4,9 +4,6 @@ set(KESTRIN_BUNDLE_EXE_DIR "${KESTRIN_BUNDLE_DIR}/Contents/MacOS")
 file(MAKE_DIRECTORY "${KESTRIN_BUNDLE_EXE_DIR}" "${KESTRIN_BUNDLE_DIR}/Contents/Resources")
 configure_file("${CMAKE_SOURCE_DIR}/resources/Info.plist.in"
                "${KESTRIN_BUNDLE_DIR}/Contents/Info.plist" @ONLY)
-# The PAM service of kestrin-auth travels in the bundle; -setup installs it.
-configure_file("${CMAKE_SOURCE_DIR}/resources/pam.d/kestrin-auth"
-               "${KESTRIN_BUNDLE_DIR}/Contents/Resources/pam.d/kestrin-auth" COPYONLY)
 # Status-item images, the service icons and the icon of applications that bring none.
 file(GLOB KESTRIN_BUNDLE_IMAGES CONFIGURE_DEPENDS "${CMAKE_SOURCE_DIR}/resources/images/*.png")
 foreach(image IN LISTS KESTRIN_BUNDLE_IMAGES)

@@ -2,10 +2,13 @@
 
 #include <csignal>
 #include <cstdio>
+#include <functional>
 #include <iostream>
 #include <mutex>
 #include <optional>
 #include <thread>
+
+#include <unistd.h>
 
 #include <fmt/format.h>
 
@@ -14,6 +17,7 @@
 #include "admin/ConfigurationReceiver.h"
 #include "admin/JsonValue.h"
 #include "admin/PluginCommands.h"
+#include "admin/PasswordPrompt.h"
 #include "foundation/QVEncryption.h"
 #include "platform/ServiceBrowser.h"
 #include "plist/PropertyList.h"
@@ -32,6 +36,7 @@ constexpr int kUnreachable = 2;
 constexpr const char* kUsage =
     "usage: ambrant browse [--timeout SECONDS]\n"
     "       ambrant call HOST:PORT SELECTOR [ARG ...] [--xml] [--linger SECONDS]\n"
+    "                  [--user NAME [--password-stdin]]\n"
     "       ambrant watch HOST:PORT\n"
     "       ambrant config HOST:PORT [--xml]\n"
     "       ambrant plugins HOST:PORT\n"
@@ -39,7 +44,15 @@ constexpr const char* kUsage =
     "       ambrant encrypt-password\n"
     "       ambrant backup HOST:PORT PATH FILE\n"
     "       ambrant restore HOST:PORT FILE\n"
-    "ARG is a JSON value; {\"$data\":\"<base64>\"} is data, {\"$date\":\"<ISO 8601>\"} a date.\n";
+    "ARG is a JSON value; {\"$data\":\"<base64>\"} is data, {\"$date\":\"<ISO 8601>\"} a date.\n"
+    "With --user, {\"$user\":null} is NAME, {\"$password\":null} the password encrypted for\n"
+    "the agent and {\"$credentials\":null} both as {\"authUser\", \"authPass\"}; the password\n"
+    "is asked for on the terminal without echo, or read as one line from standard input.\n";
+
+// What --user stands in for in a call's arguments.
+constexpr std::string_view kUserPlaceholder = "$user";
+constexpr std::string_view kPasswordPlaceholder = "$password";
+constexpr std::string_view kCredentialsPlaceholder = "$credentials";
 
 // Prints every event an agent pushes, one line each, on standard error.
 class EventPrinter : public QVErrorCallback::Parent {
@@ -89,6 +102,19 @@ std::optional<double> optionValue(std::vector<std::string>& arguments, const std
   return std::nullopt;
 }
 
+std::optional<std::string> optionText(std::vector<std::string>& arguments,
+                                      const std::string& name) {
+  for (std::size_t i = 0; i + 1 < arguments.size(); ++i) {
+    if (arguments[i] == name) {
+      std::string value = arguments[i + 1];
+      arguments.erase(arguments.begin() + static_cast<long>(i),
+                      arguments.begin() + static_cast<long>(i) + 2);
+      return value;
+    }
+  }
+  return std::nullopt;
+}
+
 bool takeFlag(std::vector<std::string>& arguments, const std::string& name) {
   for (auto it = arguments.begin(); it != arguments.end(); ++it) {
     if (*it == name) {
@@ -128,10 +154,93 @@ void printValue(const plist::Value& value, bool xml) {
   }
 }
 
+// The placeholder a value is, if it is one: a dictionary whose one key names it.
+std::optional<std::string_view> placeholderOf(const plist::Value& value) {
+  const plist::Dictionary* dictionary = value.asDictionary();
+  if (dictionary == nullptr || dictionary->size() != 1) {
+    return std::nullopt;
+  }
+  for (std::string_view name : {kUserPlaceholder, kPasswordPlaceholder, kCredentialsPlaceholder}) {
+    if (dictionary->contains(name)) {
+      return name;
+    }
+  }
+  return std::nullopt;
+}
+
+// Replaces the placeholders in `value` and below; answers how many there were. `credentials`
+// makes the replacements, asking for the password at most once.
+int replacePlaceholders(plist::Value& value,
+                        const std::function<plist::Value(std::string_view)>& credentials) {
+  if (auto placeholder = placeholderOf(value)) {
+    value = credentials(*placeholder);
+    return 1;
+  }
+  int count = 0;
+  if (plist::Array* array = value.asArray()) {
+    for (plist::Value& element : *array) {
+      count += replacePlaceholders(element, credentials);
+    }
+  } else if (plist::Dictionary* dictionary = value.asDictionary()) {
+    plist::Dictionary replaced;
+    for (const auto& [key, element] : *dictionary) {
+      plist::Value copy = element;
+      count += replacePlaceholders(copy, credentials);
+      replaced.set(key, std::move(copy));
+    }
+    *dictionary = std::move(replaced);
+  }
+  return count;
+}
+
+// Puts the administrator's name and password where the arguments ask for them. The password
+// exists in this process only as long as it takes to encrypt it.
+Expected<void> fillCredentials(std::vector<plist::Value>& values,
+                               const std::optional<std::string>& user, bool passwordFromStdin) {
+  std::optional<plist::Data> encrypted;
+  std::optional<Failure> failure;
+  auto credentials = [&](std::string_view placeholder) -> plist::Value {
+    if (!user) {
+      failure = Failure{std::string(placeholder) + " needs --user"};
+      return {};
+    }
+    if (placeholder == kUserPlaceholder) {
+      return *user;
+    }
+    if (!encrypted) {
+      auto password = passwordFromStdin ? readPasswordLine(STDIN_FILENO)
+                                        : promptForPassword("Password for " + *user + ": ");
+      if (!password) {
+        failure = password.failure();
+        return {};
+      }
+      encrypted = QVEncryption::encryptPassword(password->view());
+    }
+    if (placeholder == kPasswordPlaceholder) {
+      return *encrypted;
+    }
+    return plist::Dictionary{{"authUser", *user}, {"authPass", *encrypted}};
+  };
+  int count = 0;
+  for (plist::Value& value : values) {
+    count += replacePlaceholders(value, credentials);
+  }
+  if (failure) {
+    return *failure;
+  }
+  if (user && count == 0) {
+    return Failure{"--user given, but no argument asks for {\"$user\"}, {\"$password\"} or "
+                   "{\"$credentials\"}"};
+  }
+  return {};
+}
+
 int call(std::vector<std::string> arguments) {
   bool xml = takeFlag(arguments, "--xml");
   double linger = optionValue(arguments, "--linger").value_or(0);
-  if (arguments.size() < 2) {
+  std::optional<std::string> user = optionText(arguments, "--user");
+  bool passwordFromStdin = takeFlag(arguments, "--password-stdin");
+  if (arguments.size() < 2 || (passwordFromStdin && !user)) {
     std::cerr << kUsage;
     return kUnreachable;
   }
@@ -143,6 +252,10 @@ int call(std::vector<std::string> arguments) {
       return kUnreachable;
     }
     values.push_back(std::move(*value));
+  }
+  if (auto filled = fillCredentials(values, user, passwordFromStdin); !filled) {
+    std::cerr << "ambrant: " << filled.message() << std::endl;
+    return kUnreachable;
   }
   auto session = openSession(arguments[0]);
   if (!session) {
@@ -218,11 +331,14 @@ int watch(const std::vector<std::string>& arguments) {
 }
 
 // The "authPass" data for a password read from standard input (one line; its line end is not
-// part of the password).
+// part of the password), without echo when that is a terminal.
 int encryptPassword() {
-  std::string password;
-  std::getline(std::cin, password);
-  std::cout << base64Encode(QVEncryption::encryptPassword(password)) << std::endl;
+  auto password = readPasswordLine(STDIN_FILENO);
+  if (!password) {
+    std::cerr << "ambrant: " << password.message() << std::endl;
+    return kUnreachable;
+  }
+  std::cout << base64Encode(QVEncryption::encryptPassword(password->view())) << std::endl;
   return kOk;
 }
 

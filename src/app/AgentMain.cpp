@@ -1,9 +1,12 @@
 #include "app/AgentMain.h"
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <optional>
+
+#include <unistd.h>
 
 #include "app/AppController.h"
 #include "app/BundleLocation.h"
@@ -78,6 +81,16 @@ platform::Workspace workspace() {
   return platform::Workspace::forMachine(paths.machine().localRoot, paths.machine().home);
 }
 
+// "/", or the staging folder that KESTRIN_SYSTEM_ROOT names for a root process (packaging, the
+// set-up tests). An ordinary user's agent never takes it: its files stay where root put them.
+std::string systemRoot() {
+  const char* staging = std::getenv("KESTRIN_SYSTEM_ROOT");
+  if (::geteuid() == 0 && staging != nullptr && staging[0] == '/') {
+    return staging;
+  }
+  return "/";
+}
+
 Installer installer() {
   return Installer({QVLocalPaths::shared(), platform::ToolTable::shared(),
                     bundlePath(QVLocalPaths::shared(), workspace()),
@@ -86,7 +99,7 @@ Installer installer() {
                       auto session = QVAuthorization::sharedController(false).authStart();
                       return session.authMoveFile(from, to);
                     },
-                    nullptr});
+                    nullptr, systemRoot()});
 }
 
 int runAgent() {

@@ -59,6 +59,7 @@ AppController::AppController(Environment environment)
       errorChannel_({timer_, workers_, guard_, [this] { return hostName(); },
                      [this] { return environment_.mainLoop.isMainThread(); }}),
       callbackRelay_(notifications_, workers_, guard_),
+      credentials_(environment_.authorization, environment_.clock),
       applications_(environment_.paths, environment_.clock), icons_(bundle_),
       registry_(transport::NameRegistry::defaultDirectory()) {
   operations::Services services{environment_.paths,
@@ -68,6 +69,7 @@ AppController::AppController(Environment environment)
                                 guard_,
                                 errorChannel_,
                                 environment_.authorization,
+                                credentials_,
                                 workspace_,
                                 applications_,
                                 preferences_,

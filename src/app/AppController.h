@@ -19,6 +19,7 @@
 #include "operations/AgentIcons.h"
 #include "operations/ApplicationCatalog.h"
 #include "operations/CallbackRelay.h"
+#include "operations/CredentialThrottle.h"
 #include "operations/ErrorChannel.h"
 #include "operations/ExceptionGuard.h"
 #include "platform/Workspace.h"
@@ -173,6 +174,7 @@ private:
   ExceptionGuard guard_;
   operations::ErrorChannel errorChannel_;
   operations::CallbackRelay callbackRelay_;
+  operations::CredentialThrottle credentials_;
   operations::ApplicationCatalog applications_;
   operations::AgentIcons icons_;
   std::unique_ptr<operations::AgentOperations> operations_;

@@ -5,10 +5,12 @@
 
 #include <unistd.h>
 
+#include "auth/PamService.h"
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
 #include "foundation/QVTaskEx.h"
 #include "platform/AtomicFile.h"
+#include "platform/RootFiles.h"
 #include "platform/ToolTable.h"
 
 namespace kestrin {
@@ -22,6 +24,15 @@ bool fileExists(const fs::path& path) {
   std::error_code ec;
   return fs::exists(path, ec);
 }
+
+// A link counts as there, whether or not it leads anywhere.
+bool entryExists(const fs::path& path) {
+  std::error_code ec;
+  return fs::exists(fs::symlink_status(path, ec));
+}
+
+// The helper is a small program; anything far larger is not it.
+constexpr std::size_t kHelperSizeLimit = 64 << 20;
 
 // Leading digits as an integer, 0 where there are none.
 int leadingInteger(const std::string& text) {
@@ -45,9 +56,18 @@ Installer::Installer(Environment environment) : environment_(std::move(environme
 }
 
 std::string Installer::unitPath() const {
-  return (fs::path(environment_.paths.machine().localRoot) / "etc/systemd/user" / kUnitName)
+  return (fs::path(environment_.systemRoot) / "etc/systemd/user" / kUnitName)
       .lexically_normal()
       .string();
+}
+
+std::string Installer::helperPath() const {
+  fs::path helper = fs::path(platform::ToolTable::defaultPath(Tool::KestrinAuth)).relative_path();
+  return (fs::path(environment_.systemRoot) / helper).lexically_normal().string();
+}
+
+std::string Installer::pamServicePath() const {
+  return (fs::path(environment_.systemRoot) / "etc/pam.d/kestrin-auth").lexically_normal().string();
 }
 
 std::string Installer::unitText(const std::string& program, const std::string& workingDirectory) {
@@ -94,6 +114,14 @@ bool Installer::writeUnit(const std::string& path, const std::string& text) cons
   return platform::writeFileAtomically(path, text, 0644).ok();
 }
 
+std::optional<std::string> Installer::whyUntrusted(const std::string& program) const {
+  if (auto why = platform::whyNotRootOwned(program)) {
+    return why;
+  }
+  fs::path helper = fs::path(program).parent_path() / "kestrin-auth";
+  return entryExists(helper) ? platform::whyNotRootOwned(helper) : std::nullopt;
+}
+
 void Installer::setupClient() {
   try {
     QVLog::appendLog("Setting up client...");
@@ -101,6 +129,12 @@ void Installer::setupClient() {
     if (!program) {
       QVLog::console("Error - unable to determine application path. Please report this error to "
                      "Quorvane.");
+      return;
+    }
+    if (auto why = whyUntrusted(*program)) {
+      QVLog::appendLogAndPrint(
+          "Error - refusing to set up from {}: {}.",
+          fs::path(*program).parent_path().parent_path().parent_path().string(), *why);
       return;
     }
     std::string text = unitText(*program, fs::path(*program).parent_path().string());
@@ -127,39 +161,45 @@ void Installer::setupClient() {
     }
 
     // Linux has no wheel group: root's own group stands for it.
-    QVTaskEx::runTask(environment_.tools.path(Tool::Chown), {"root:root", target});
-    QVTaskEx::runTask(environment_.tools.path(Tool::Chmod), {"644", target});
-    QVTaskEx::runTask(
-        environment_.tools.path(Tool::Systemctl),
-        {"--root=" + environment_.paths.machine().localRoot, "--global", "enable", kUnitName});
+    QVTaskEx::runTask(environment_.tools.path(Tool::Chown), {"root:root", "--", target});
+    QVTaskEx::runTask(environment_.tools.path(Tool::Chmod), {"644", "--", target});
+    QVTaskEx::runTask(environment_.tools.path(Tool::Systemctl),
+                      {"--root=" + environment_.systemRoot, "--global", "enable", kUnitName});
     installAuthHelper(*program);
   } catch (const std::exception& e) {
     QVLog::appendLogAndPrint("Exception in +[AppController setupClient]. {}", e.what());
   }
 }
 
+// The bundle's helper is copied, never made setuid where it lies: the copy is a new file in a
+// folder only root may change, so nobody can swap or rewrite what runs as root.
 void Installer::installAuthHelper(const std::string& program) const {
   fs::path helper = fs::path(program).parent_path() / "kestrin-auth";
-  if (!fileExists(helper)) {
+  if (!entryExists(helper)) {
     QVLog::appendLog("Unable to find {}; administrator rights will not be available.",
                      helper.string());
     return;
   }
-  QVTaskEx::runTask(environment_.tools.path(Tool::Chown), {"root:root", helper.string()});
-  QVTaskEx::runTask(environment_.tools.path(Tool::Chmod), {"4755", helper.string()});
-
-  // The helper checks passwords with its own PAM service; an administrator's edits of an
-  // installed one are kept.
-  fs::path service = fs::path(program).parent_path().parent_path() / "Resources/pam.d/kestrin-auth";
-  fs::path installed = fs::path(environment_.paths.machine().localRoot) / "etc/pam.d/kestrin-auth";
-  std::error_code ec;
-  if (fileExists(service) && !fileExists(installed)) {
-    fs::create_directories(installed.parent_path(), ec);
-    fs::copy_file(service, installed, ec);
-    if (ec) {
-      QVLog::appendLog("Unable to install {}: {}", installed.string(), ec.message());
+  auto install = [](const fs::path& path, std::span<const std::uint8_t> bytes, mode_t mode) {
+    auto done = platform::makeRootFolder(path.parent_path());
+    if (done) {
+      done = platform::installRootFile(path, bytes, mode);
     }
+    if (!done) {
+      QVLog::appendLog("Unable to install {}: {}", path.string(), done.message());
+    }
+  };
+  auto bytes = platform::readRootFile(helper, kHelperSizeLimit);
+  if (!bytes) {
+    QVLog::appendLog("Unable to install {}: {}", helperPath(), bytes.message());
+    return;
   }
+  install(helperPath(), *bytes, 04755);
+  // The helper checks passwords with its own PAM service, whose contents are fixed here.
+  install(pamServicePath(),
+          {reinterpret_cast<const std::uint8_t*>(auth::kPamServiceText.data()),
+           auth::kPamServiceText.size()},
+          0644);
 }
 
 void Installer::runClient() {
@@ -180,7 +220,7 @@ void Installer::runClient() {
 
 void Installer::cleanupMountedDisks() {
   const QVLocalPaths& paths = environment_.paths;
-  fs::path root(paths.machine().localRoot);
+  fs::path root(environment_.systemRoot);
   std::vector<fs::path> folders{root / "media"};
   if (auto user = paths.username()) {
     folders.push_back(root / "media" / *user);
@@ -196,7 +236,7 @@ void Installer::cleanupMountedDisks() {
       }
       QVLog::appendLog("Unmounting disk image {}...", name);
       QVTaskEx::runTask(environment_.tools.path(Tool::Umount),
-                        {it->path().lexically_normal().string()});
+                        {"--", it->path().lexically_normal().string()});
     }
   }
 }

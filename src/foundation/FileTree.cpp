@@ -10,6 +10,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include "foundation/Cancellation.h"
 #include "platform/FileDescriptor.h"
 #include "support/Syscall.h"
 
@@ -322,6 +323,10 @@ std::optional<FileTree::Listing> FileTree::list(const std::string& folder, bool 
 }
 
 std::optional<FileTree::Listing> FileTree::Walk::enter(const std::string& folder, int depth) {
+  if (cancelled_ || Cancellation::requested()) {
+    cancelled_ = true;
+    return std::nullopt;
+  }
   if (depth > kDepthLimit) {
     stopped_ = true;
     return std::nullopt;

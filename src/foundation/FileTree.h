@@ -39,19 +39,24 @@ public:
   static std::optional<Listing> list(const std::string& folder, bool followLink = true);
 
   // The folders one walk has entered: none twice (a bind mount can make a tree contain
-  // itself) and none deeper than the limit.
+  // itself), none deeper than the limit, and none once the work is no longer wanted
+  // (Cancellation: the remote caller the walk works for has gone).
   class Walk {
   public:
     // The listing of a folder at depth (0: where the walk starts, followed if it is a link;
     // deeper folders are entered only as the real folders their listing showed). Nullopt when
-    // it cannot be listed, lies too deep or was entered before; stopped() then tells which.
+    // it cannot be listed, lies too deep, was entered before, or the walk was cancelled;
+    // stopped() and cancelled() then tell which.
     std::optional<Listing> enter(const std::string& folder, int depth);
     // Whether some folder was left out for its depth or for having been entered before.
     bool stopped() const { return stopped_; }
+    // Whether the walk gave up because its work was no longer wanted.
+    bool cancelled() const { return cancelled_; }
 
   private:
     std::set<std::pair<dev_t, ino_t>> visited_;
     bool stopped_ = false;
+    bool cancelled_ = false;
   };
 
   // What a file manager's item operations do. removeItem removes a file, a link or a whole

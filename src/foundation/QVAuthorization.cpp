@@ -42,6 +42,12 @@ bool exists(const std::string& path) {
   return fs::exists(fs::symlink_status(path, ec));
 }
 
+SecretBuffer duplicate(const SecretBuffer& secret) {
+  SecretBuffer copy(secret.size());
+  copy.append(secret.data(), secret.size());
+  return copy;
+}
+
 std::vector<std::string> entriesOf(const std::string& folder) {
   std::vector<std::string> entries;
   std::error_code ec;
@@ -95,8 +101,7 @@ Session QVAuthorization::authStartWithUser(const std::optional<std::string>& use
   std::vector<std::string> arguments = environment_.helperOptions;
   arguments.emplace_back(auth::kCheckOption);
   int status = QVTaskEx::terminationCodeFromTaskWithInput(
-      environment_.tools.path(platform::Tool::KestrinAuth), arguments,
-      {frame.data(), frame.size()});
+      environment_.tools.path(platform::Tool::KestrinAuth), arguments, duplicate(frame));
   if (status != 0) {
     auto refusal = auth::authStatusFromExit(status);
     if (refusal && auth::refusesCredentials(*refusal)) {
@@ -184,9 +189,7 @@ SecretBuffer Session::credentialCopy() const {
     }
     return {};
   }
-  SecretBuffer copy(credentials_.size());
-  copy.append(credentials_.data(), credentials_.size());
-  return copy;
+  return duplicate(credentials_);
 }
 
 int Session::authExecTask(const std::string& tool, const std::vector<std::string>& parameters,
@@ -212,9 +215,8 @@ int Session::authExecTask(const std::string& tool, const std::vector<std::string
   std::vector<std::string> arguments = owner_->helperArguments(tool, parameters);
   std::string helper = owner_->environment_.tools.path(platform::Tool::KestrinAuth);
   auto run = [helper, arguments, frame] {
-    int status = QVTaskEx::terminationCodeFromTaskWithInput(helper, arguments,
-                                                            {frame->data(), frame->size()});
-    frame->wipe();
+    // The run's copy is gone once the helper has been started, however long its tool runs.
+    int status = QVTaskEx::terminationCodeFromTaskWithInput(helper, arguments, std::move(*frame));
     if (helperRefused(helper, status)) {
       return status;
     }
@@ -244,8 +246,7 @@ std::optional<std::string> Session::authOutputFromTask(const std::string& tool,
   }
   std::string helper = owner_->environment_.tools.path(platform::Tool::KestrinAuth);
   auto captured = QVTaskEx::capturedFromTaskWithInput(
-      helper, owner_->helperArguments(tool, parameters), {frame.data(), frame.size()});
-  frame.wipe();
+      helper, owner_->helperArguments(tool, parameters), std::move(frame));
   if (!captured || helperRefused(helper, captured->status)) {
     return std::nullopt;
   }
@@ -256,8 +257,8 @@ bool Session::authRemoveFile(const std::string& path) {
   if (owner_->refuseSystemDirectory(path, "delete path")) {
     return false;
   }
-  return authExecTask(owner_->environment_.tools.path(platform::Tool::Rm), {"-Rdf", path}, false) ==
-         0;
+  return authExecTask(owner_->environment_.tools.path(platform::Tool::Rm), {"-Rdf", "--", path},
+                      false) == 0;
 }
 
 std::string Session::trashDestination(const std::string& path) const {
@@ -303,8 +304,8 @@ bool Session::authTrashFolderContents(const std::string& path, bool deleteOnRoot
     if (owner_->userDirectory_ || !owner_->environment_.runningAsRoot || !deleteOnRootAccount) {
       done = authTrashFile(entry);
     } else {
-      done = authExecTask(owner_->environment_.tools.path(platform::Tool::Rm), {"-R", "-f", entry},
-                          false) == 0;
+      done = authExecTask(owner_->environment_.tools.path(platform::Tool::Rm),
+                          {"-R", "-f", "--", entry}, false) == 0;
     }
     all = all && done;
   }
@@ -328,7 +329,7 @@ bool Session::authMoveFile(const std::optional<std::string>& from,
   if (!exists(*from)) {
     return false;
   }
-  return authExecTask(owner_->environment_.tools.path(platform::Tool::Mv), {"-f", *from, *to},
+  return authExecTask(owner_->environment_.tools.path(platform::Tool::Mv), {"-f", "--", *from, *to},
                       false) == 0;
 }
 
@@ -357,11 +358,11 @@ bool Session::authCopyFile(const std::optional<std::string>& from,
   }
   // As root the copy is only started: it answers true whatever the copy does later.
   return authExecTask(owner_->environment_.tools.path(platform::Tool::Cp),
-                      {"-f", "-p", "-R", *from, *to}, direct_) == 0;
+                      {"-f", "-p", "-R", "--", *from, *to}, direct_) == 0;
 }
 
 bool Session::authCreateDir(const std::string& path) {
-  return authExecTask(owner_->environment_.tools.path(platform::Tool::Mkdir), {"-p", path},
+  return authExecTask(owner_->environment_.tools.path(platform::Tool::Mkdir), {"-p", "--", path},
                       direct_) == 0;
 }
 

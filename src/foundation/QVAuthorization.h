@@ -24,7 +24,9 @@ class QVLocalPaths;
 // work (authStart) runs as root without one.
 //
 // Credentials reach the helper on its standard input, never in arguments, the environment or a
-// log. Every removal, trash and move refuses the system's own directories.
+// log. Every removal, trash and move refuses the system's own directories, and every path handed
+// to rm, mv, cp or mkdir follows "--", so a name that begins with "-" is never read as an option
+// of a tool running as root.
 class QVAuthorization {
 public:
   struct Environment {
@@ -76,7 +78,7 @@ private:
   // per run: its threads end when idle and are joined, so they never pile up with use; and
   // rather than the session waiting in its destructor, so a caller that starts a long tool and
   // ends its session answers at once. Each run owns a copy of its session's credentials, wiped
-  // when the helper has read them. Last member: stopped before anything a run might use.
+  // as soon as they are in the helper's pipe. Last member: stopped before anything a run might use.
   mutable WorkerPool helperRuns_;
 };
 

@@ -86,6 +86,7 @@ plist::Data QVEncryption::AESEncryptData(const plist::Data& data, std::string_vi
     cipher.process(block.data(), encrypted.data());
     out.insert(out.end(), encrypted.begin(), encrypted.end());
   }
+  ::explicit_bzero(block.data(), block.size()); // a password's last block
   return out;
 }
 
@@ -106,7 +107,11 @@ plist::Data QVEncryption::AESDecryptData(const plist::Data& data, std::string_vi
 }
 
 plist::Data QVEncryption::encryptPassword(std::string_view password) {
-  return AESEncryptData(plist::Data(password.begin(), password.end()), kPasscode);
+  // The plain text passes through a buffer of our own: wiped before it is freed.
+  plist::Data plain(password.begin(), password.end());
+  plist::Data encrypted = AESEncryptData(plain, kPasscode);
+  ::explicit_bzero(plain.data(), plain.size());
+  return encrypted;
 }
 
 SecretBuffer QVEncryption::decryptPassword(const plist::Data& data) {

@@ -110,14 +110,15 @@ bool isValidUtf8(const plist::Data& bytes) {
 std::optional<platform::Termination> runQuietly(const std::string& path,
                                                 const QVTaskEx::Arguments& arguments,
                                                 QVTaskEx::Slot* slot,
-                                                std::span<const std::uint8_t> standardInput = {}) {
+                                                SecretBuffer standardInput = {}) {
   if (!QVTaskEx::isRunnable(path)) {
     reportNotExecutable(path);
     return std::nullopt;
   }
   LaunchRequest request{path, arguments, std::nullopt, StreamTarget::Null, StreamTarget::Null};
-  request.standardInput = standardInput;
+  request.standardInput = {standardInput.data(), standardInput.size()};
   auto child = ChildProcess::launch(request);
+  standardInput.wipe(); // in the pipe now, or nowhere
   if (!child) {
     reportLaunchFailure(path, child.failure());
     return std::nullopt;
@@ -134,11 +135,27 @@ std::optional<platform::Termination> runQuietly(const std::string& path,
 
 namespace {
 
-void stopTimedOut(const QVTaskEx::Task& task) {
-  if (task && task->isRunning()) {
-    QVLog::appendLogAndPrint("Task {} timed out. Terminating...", task->launchPath());
-    task->terminate();
+// How long a tool's process group has between SIGTERM at its limit and SIGKILL.
+constexpr auto kTerminationGrace = std::chrono::seconds(2);
+
+// The limit has passed while the run still goes on: the tool itself is running, or something
+// it started still holds its output. Reading stops now; the whole process group gets SIGTERM
+// and, after a short grace on the run's timer, SIGKILL. Until then the ended tool stays
+// unreaped if its group lives on, so the group's id cannot be reused by then.
+void stopTimedOut(const QVTaskEx::Task& task, Timer& timer) {
+  if (!task) {
+    return;
   }
+  QVLog::appendLogAndPrint("Task {} timed out. Terminating...", task->launchPath());
+  task->holdGroup();
+  task->cutOffOutput();
+  task->terminate();
+  timer.runAfter(kTerminationGrace, [task] {
+    if (task->kill()) {
+      QVLog::appendLogAndPrint("Task {} did not end when asked to. Killed.", task->launchPath());
+    }
+    task->releaseGroup();
+  });
 }
 
 } // namespace
@@ -155,15 +172,17 @@ QVTaskEx::Task QVTaskEx::Slot::get() const {
 
 void QVTaskEx::Slot::set(Task task) {
   bool late;
+  Timer* timer;
   {
     std::lock_guard lock(mutex_);
     task_ = task;
     late = expired_ && !closed_;
+    timer = timer_;
   }
   // The limit counts from the start of the run: a child launched after it passed (a limit
   // below one second) is stopped at once rather than left unbounded.
-  if (late && task) {
-    stopTimedOut(task);
+  if (late && task && timer != nullptr) {
+    stopTimedOut(task, *timer);
   }
 }
 
@@ -237,26 +256,27 @@ int QVTaskEx::terminationCodeFromTask(const std::string& path, const Arguments& 
 }
 
 int QVTaskEx::terminationCodeFromTaskWithInput(const std::string& path, const Arguments& arguments,
-                                               std::span<const std::uint8_t> standardInput) {
-  auto termination = runQuietly(path, arguments, nullptr, standardInput);
+                                               SecretBuffer standardInput) {
+  auto termination = runQuietly(path, arguments, nullptr, std::move(standardInput));
   return termination ? termination->status : -1;
 }
 
-std::optional<QVTaskEx::Captured>
-QVTaskEx::capturedFromTaskWithInput(const std::string& path, const Arguments& arguments,
-                                    std::span<const std::uint8_t> standardInput) {
+std::optional<QVTaskEx::Captured> QVTaskEx::capturedFromTaskWithInput(const std::string& path,
+                                                                      const Arguments& arguments,
+                                                                      SecretBuffer standardInput) {
   if (!isRunnable(path)) {
     reportNotExecutable(path);
     return std::nullopt;
   }
   LaunchRequest request{path, arguments, std::nullopt, StreamTarget::Pipe, StreamTarget::Pipe};
-  request.standardInput = standardInput;
+  request.standardInput = {standardInput.data(), standardInput.size()};
   auto child = ChildProcess::launch(request);
+  standardInput.wipe(); // in the pipe now, or nowhere
   if (!child) {
     reportLaunchFailure(path, child.failure());
     return std::nullopt;
   }
-  auto output = platform::drainToEnd((*child)->takeStandardOutput(), (*child)->takeStandardError());
+  auto output = (*child)->drainOutput();
   Captured captured{(*child)->waitUntilExit().status, std::move(output.standardOutput)};
   captured.output.insert(captured.output.end(), output.standardError.begin(),
                          output.standardError.end());
@@ -284,8 +304,8 @@ std::optional<plist::Data> QVTaskEx::dataFromTask(const std::string& path,
   }
   publish(task, *child);
   // Both pipes at once: a tool that fills its error pipe while we wait on its output (or the
-  // other way round) would otherwise block for ever.
-  auto output = platform::drainToEnd((*child)->takeStandardOutput(), (*child)->takeStandardError());
+  // other way round) would otherwise block for ever. A time limit cuts the reading short.
+  auto output = (*child)->drainOutput();
   // End of file comes just before the exit; reaping here keeps the child visible in the slot
   // (and so within reach of a time limit) until it has really ended.
   (*child)->waitUntilExit();
@@ -355,6 +375,7 @@ template <typename Result, typename Run> Result QVTaskEx::bounded(TimeLimit limi
     theTask_.task_ = nullptr;
     theTask_.closed_ = false;
     theTask_.expired_ = false;
+    theTask_.timer_ = &timer_;
   }
   Timer::Id deadline = timer_.runAfter(platform::Clock::seconds(whole), [this] { setupTimeout(); });
   struct Close {
@@ -386,11 +407,11 @@ void QVTaskEx::setupTimeout() {
     theTask_.expired_ = true;
     task = theTask_.task_;
   }
-  stopTimedOut(task);
+  stopTimedOut(task, timer_);
 }
 
 void QVTaskEx::timeout() {
-  stopTimedOut(theTask_.get());
+  stopTimedOut(theTask_.get(), timer_);
 }
 
 void QVTaskEx::runTaskBounded(const std::string& path, const Arguments& arguments,

@@ -7,13 +7,13 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "platform/ChildProcess.h"
 #include "plist/Value.h"
+#include "support/SecretBuffer.h"
 
 namespace kestrin {
 class Timer;
@@ -64,8 +64,9 @@ public:
     friend class QVTaskEx;
     mutable std::mutex mutex_;
     Task task_;
-    bool closed_ = false;  // the bounded run that owns this slot is over
-    bool expired_ = false; // its time limit has passed: a child published now is stopped at once
+    bool closed_ = false;    // the bounded run that owns this slot is over
+    bool expired_ = false;   // its time limit has passed: a child published now is stopped at once
+    Timer* timer_ = nullptr; // the bounded run's timer, which times the grace before SIGKILL
   };
 
   // Receives each chunk of an asynchronous run's standard output (never empty), then exactly
@@ -95,9 +96,10 @@ public:
   static int terminationCodeFromTask(const std::string& path, const Arguments& arguments,
                                      TimeLimit timeout, Timer& timer = defaultTimer());
   // The same with bytes waiting on the child's standard input (at most 64 KiB): how secrets
-  // reach a helper without appearing in its arguments or environment.
+  // reach a helper without appearing in its arguments or environment. The bytes are wiped as
+  // soon as they are in the pipe, at the launch, however long the child then runs.
   static int terminationCodeFromTaskWithInput(const std::string& path, const Arguments& arguments,
-                                              std::span<const std::uint8_t> standardInput);
+                                              SecretBuffer standardInput);
 
   // A run with bytes on standard input whose exit status and output (standard output, then
   // standard error) both matter to the caller; null when refused or not launched.
@@ -105,9 +107,9 @@ public:
     int status = -1;
     plist::Data output;
   };
-  static std::optional<Captured>
-  capturedFromTaskWithInput(const std::string& path, const Arguments& arguments,
-                            std::span<const std::uint8_t> standardInput);
+  static std::optional<Captured> capturedFromTaskWithInput(const std::string& path,
+                                                           const Arguments& arguments,
+                                                           SecretBuffer standardInput);
 
   // The capturing run: standard output, or standard error when standard output is empty and
   // standard error is not (a tool that writes only to standard error answers its error text).
@@ -156,18 +158,20 @@ public:
   QVTaskEx& operator=(const QVTaskEx&) = delete;
 
   // The bounded runs, timed on this object's timer. The limit is cut to whole seconds toward
-  // zero: 2.9 s acts after 2 s, and a limit below one second acts at once. When it is reached while
-  // the child still runs, "Task <path> timed out. Terminating..." is logged and printed and the
-  // child receives SIGTERM; the run then answers what it had. One bounded run at a time per
-  // instance.
+  // zero: 2.9 s acts after 2 s, and a limit below one second acts at once. When it is reached
+  // while the run goes on (the child runs, or a process it started still holds its output),
+  // "Task <path> timed out. Terminating..." is logged and printed, reading stops, and the child's
+  // whole process group receives SIGTERM, then SIGKILL two seconds later on the timer if it
+  // has not ended ("Task <path> did not end when asked to. Killed."); the run then answers what
+  // it had. One bounded run at a time per instance.
   void runTaskBounded(const std::string& path, const Arguments& arguments, TimeLimit timeout);
   std::optional<plist::Data> dataFromTaskBounded(const std::string& path,
                                                  const Arguments& arguments, TimeLimit timeout);
   int terminationCodeFromTaskBounded(const std::string& path, const Arguments& arguments,
                                      TimeLimit timeout);
 
-  // Stops the current child if it still runs, with the time-out log line. Does nothing once a
-  // run is over (its child is no longer in theTask).
+  // Stops the current child and its process group as the time limit does, with the time-out
+  // log line. Does nothing once a run is over (its child is no longer in theTask).
   void timeout();
 
   // Starts the child (standard output to a pipe, standard error to the null device) and reads
@@ -182,8 +186,8 @@ public:
   // (terminateAsyncTask).
   void asyncTaskReturnData(const plist::Data& chunk);
   // Stops reading, forgets the delegate and context (no chunk is delivered afterwards, not even
-  // the empty one), sends SIGTERM to the child if it still runs and clears theTask. The reading
-  // thread then reaps the child. Any thread, also the delegate's own.
+  // the empty one), sends SIGTERM to the child's process group if the child still runs and
+  // clears theTask. The reading thread then reaps the child. Any thread, also the delegate's own.
   void terminateAsyncTask();
   void terminateTask() { terminateAsyncTask(); }
 

@@ -19,7 +19,7 @@ namespace kestrin::operations {
 struct AgentOperations::Groups {
   explicit Groups(const Services& s)
       : controller(s.agent, s.bundle), errorChannel(s.errorChannel, s.callbackRelay),
-        credentials(s.authorization, s.errorChannel), tasks(s),
+        credentials(s.credentials, s.errorChannel), tasks(s),
         configuration(s.applications, s.bundle, s.agent), lintrow(s), feldane(s), tibbet(s),
         hembry(s), orrick(s), scallin(s), sevrin(s.paths, s.errorChannel), plugins(s) {}
 

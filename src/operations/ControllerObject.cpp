@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "foundation/Cancellation.h"
 #include "operations/ExceptionGuard.h"
 #include "support/NamedException.h"
 
@@ -24,6 +25,8 @@ plist::Value ControllerObject::invokeFrom(const Caller& caller, const std::strin
         fmt::format("{} takes {} argument(s), not {}", selector, expected, arguments.size()));
   }
   std::string method = fmt::format("-[AppController {}]", selector);
+  // Long work in the call (a walk of the file system) ends early once the caller has gone.
+  Cancellation::Scope scope([&caller] { return caller.hasGone(); });
   return guard_.run(method.c_str(), operation->neutral,
                     [&] { return operation->handler(caller, arguments); });
 }

@@ -67,12 +67,14 @@ void CredentialOperations::registerIn(OperationTable& table) {
   table.add("stripComponents:fromPath:", *this, &C::stripComponents);
 }
 
-bool CredentialOperations::validateUsername(std::optional<std::string> user, Value password) {
-  return authorization_.authStartWithUser(user, passwordFrom(password)).isAuthorized();
+bool CredentialOperations::validateUsername(const Caller& caller, std::optional<std::string> user,
+                                            Value password) {
+  return credentials_.startSession(caller, user, passwordFrom(password)).isAuthorized();
 }
 
 QVAuthorization::Session
-CredentialOperations::sessionFor(const std::optional<plist::Dictionary>& credentials) {
+CredentialOperations::sessionFor(const Caller& caller,
+                                 const std::optional<plist::Dictionary>& credentials) {
   const Value* user = credentials ? credentials->find("authUser") : nullptr;
   const Value* pass = credentials ? credentials->find("authPass") : nullptr;
   std::optional<std::string> name;
@@ -80,20 +82,22 @@ CredentialOperations::sessionFor(const std::optional<plist::Dictionary>& credent
     name = *user->asString();
   }
   auto session =
-      authorization_.authStartWithUser(name, pass ? passwordFrom(*pass) : SecretBuffer());
+      credentials_.startSession(caller, name, pass ? passwordFrom(*pass) : SecretBuffer());
   if (!session.isAuthorized()) {
     QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
   }
   return session;
 }
 
-Value CredentialOperations::authWithDict(std::optional<plist::Dictionary> credentials) {
-  return sessionFor(credentials).isAuthorized() ? Value() : Value(refusedCredentials());
+Value CredentialOperations::authWithDict(const Caller& caller,
+                                         std::optional<plist::Dictionary> credentials) {
+  return sessionFor(caller, credentials).isAuthorized() ? Value() : Value(refusedCredentials());
 }
 
-Value CredentialOperations::launchAuthTask(std::string tool, plist::Array arguments,
+Value CredentialOperations::launchAuthTask(const Caller& caller, std::string tool,
+                                           plist::Array arguments,
                                            std::optional<plist::Dictionary> credentials) {
-  auto session = sessionFor(credentials);
+  auto session = sessionFor(caller, credentials);
   if (!session.isAuthorized()) {
     channel_.postErrorWithCode(refusedCredentials().code, std::nullopt);
     return refusedCredentials();

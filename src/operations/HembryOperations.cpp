@@ -25,7 +25,9 @@ void HembryOperations::hembryRunTasks(plist::Array names) {
     }
     joined += argumentText(name).value_or(plist::describe(name));
   }
-  hembry_.launch({"-runtask", joined}, std::nullopt, true, kRunLimit, "Launching tasks...");
+  // Without credentials the caller is never consulted.
+  hembry_.launch(Caller{}, {"-runtask", joined}, std::nullopt, true, kRunLimit,
+                 "Launching tasks...");
 }
 
 } // namespace kestrin::operations

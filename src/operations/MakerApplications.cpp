@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "foundation/FileTree.h"
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVLog.h"
 #include "platform/Workspace.h"
@@ -47,6 +48,33 @@ bool skippedFolder(const std::string& name) {
   std::string folded = lower(name);
   return std::find(std::begin(kSkipped), std::end(kSkipped), folded) != std::end(kSkipped) ||
          folded.rfind("avid", 0) == 0;
+}
+
+// The maker's applications below `folder`. Links to folders are neither entered nor taken for
+// applications: a link can make a tree endless, and can point the agent anywhere.
+void collectApps(const std::string& folder, int depth, FileTree::Walk& walk,
+                 std::vector<std::string>& found) {
+  auto listing = walk.enter(folder, depth);
+  if (!listing) {
+    return;
+  }
+  for (const FileTree::Entry& entry : listing->entries) {
+    if (entry.type != FileTree::Type::Folder) {
+      continue;
+    }
+    fs::path path = FileTree::join(folder, entry.name);
+    if (!isPackage(path)) {
+      if (!path.has_extension() && !skippedFolder(entry.name)) {
+        collectApps(path.string(), depth + 1, walk, found);
+      }
+      continue;
+    }
+    std::error_code ec;
+    if (fs::exists(path / "Contents/QVUpdates.plist", ec) &&
+        identifierOf(path).rfind("com.quorvane", 0) == 0) {
+      found.push_back(path.string());
+    }
+  }
 }
 
 } // namespace
@@ -103,22 +131,10 @@ std::vector<std::string> qvAppsInFolder(const QVLocalPaths& paths, const std::st
     QVLog::appendLog("Unable to get contents of directory {} - {}", folder, ec.message());
     return found;
   }
-  for (const auto& entry : entries) {
-    const fs::path& path = entry.path();
-    if (!fs::is_directory(path, ec)) {
-      continue;
-    }
-    if (!isPackage(path)) {
-      if (!path.has_extension() && !skippedFolder(path.filename().string())) {
-        auto inner = qvAppsInFolder(paths, path.string());
-        found.insert(found.end(), inner.begin(), inner.end());
-      }
-      continue;
-    }
-    if (fs::exists(path / "Contents/QVUpdates.plist", ec) &&
-        identifierOf(path).rfind("com.quorvane", 0) == 0) {
-      found.push_back(path.string());
-    }
+  FileTree::Walk walk;
+  collectApps(folder, 0, walk, found);
+  if (walk.cancelled()) {
+    QVLog::appendLog("Stopped looking for applications in {}: the caller has gone.", folder);
   }
   return found;
 }

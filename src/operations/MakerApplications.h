@@ -25,7 +25,9 @@ std::optional<std::string> pathForAppWithBundleID(const QVLocalPaths& paths,
 // The bundle's Contents/MacOS/<bundle name without extension>.
 std::string executableOfBundle(const std::string& bundlePath);
 // Every bundle below `folder` that carries Contents/QVUpdates.plist and a com.quorvane
-// identifier, skipping the folders the maker never installs into.
+// identifier, skipping the folders the maker never installs into. The walk follows no link
+// below `folder`, enters no folder twice, goes no deeper than FileTree::kDepthLimit, and ends
+// early when its caller has gone (Cancellation).
 std::vector<std::string> qvAppsInFolder(const QVLocalPaths& paths, const std::string& folder);
 // The task file of a bundle: Contents/Resources/QVTasks.plist, else Contents/QVTasks.plist.
 std::optional<plist::Dictionary> taskFileOf(const std::string& bundlePath);

@@ -46,7 +46,7 @@ std::optional<plist::Data> MakerTool::output(const std::string& executable,
   return QVTaskEx::dataFromTask(executable, arguments, limit, services_.timer);
 }
 
-MakerTool::Launch MakerTool::launch(const Arguments& arguments,
+MakerTool::Launch MakerTool::launch(const Caller& caller, const Arguments& arguments,
                                     const std::optional<plist::Dictionary>& credentials,
                                     bool logFound, TimeLimit limit,
                                     std::string_view launching) const {
@@ -57,8 +57,8 @@ MakerTool::Launch MakerTool::launch(const Arguments& arguments,
   QVLog::appendLog("{}", launching);
   if (credentials) {
     plist::Array values(arguments.begin(), arguments.end());
-    CredentialOperations(services_.authorization, services_.errorChannel)
-        .launchAuthTask(*executable, std::move(values), credentials);
+    CredentialOperations(services_.credentials, services_.errorChannel)
+        .launchAuthTask(caller, *executable, std::move(values), credentials);
     return {Launch::Outcome::HandedOver, 0};
   }
   return {Launch::Outcome::Ran, exitStatus(*executable, arguments, limit)};

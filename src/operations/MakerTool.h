@@ -7,6 +7,7 @@
 
 #include "foundation/QVTaskEx.h"
 #include "operations/ArgumentDecoder.h"
+#include "operations/OperationTable.h"
 #include "operations/Services.h"
 #include "plist/Value.h"
 #include "support/Expected.h"
@@ -53,8 +54,8 @@ public:
     Outcome outcome = Outcome::ToolMissing;
     int status = 0; // the exit status when Ran
   };
-  Launch launch(const Arguments& arguments, const std::optional<plist::Dictionary>& credentials,
-                bool logFound, TimeLimit limit,
+  Launch launch(const Caller& caller, const Arguments& arguments,
+                const std::optional<plist::Dictionary>& credentials, bool logFound, TimeLimit limit,
                 std::string_view launching = "Launching task...") const;
 
   // A tool's property-list output as a dictionary, or why it is none: too large, malformed, or

@@ -15,14 +15,16 @@ void OrrickOperations::registerIn(OperationTable& table) {
   table.add("orrickTrashCaches:settings:", *this, &OrrickOperations::orrickTrashCaches);
 }
 
-void OrrickOperations::orrickTrashCaches(std::optional<plist::Dictionary> credentials,
+void OrrickOperations::orrickTrashCaches(const Caller& caller,
+                                         std::optional<plist::Dictionary> credentials,
                                          plist::Dictionary settings) {
   channel_.setProcessingCancelled(false);
   // Without a name Orrick would be told to clear, and not what: refused before anything starts.
   auto caches = settingsArgument<std::string>(settings, "obj1", "orrickTrashCaches:settings:");
   channel_.shouldPostFinishedTaskWithTimeout(kFinishedTaskDeadline);
   QVLog::appendLog("Trashing caches {}", caches);
-  auto launched = orrick_.launch({"-clearcaches", caches, "-force"}, credentials, true, kRunLimit);
+  auto launched =
+      orrick_.launch(caller, {"-clearcaches", caches, "-force"}, credentials, true, kRunLimit);
   if (launched.outcome == MakerTool::Launch::Outcome::HandedOver) {
     return;
   }

@@ -20,7 +20,8 @@ public:
   void registerIn(OperationTable& table);
 
   // settings: "obj1" the name of the caches, Orrick's own.
-  void orrickTrashCaches(std::optional<plist::Dictionary> credentials, plist::Dictionary settings);
+  void orrickTrashCaches(const Caller& caller, std::optional<plist::Dictionary> credentials,
+                         plist::Dictionary settings);
 
   static constexpr double kFinishedTaskDeadline = 300.0;
 

@@ -112,21 +112,12 @@ std::vector<std::string> componentsOf(const std::string& path) {
   return components;
 }
 
-QVAuthorization::Session sessionFor(QVAuthorization& authorization,
-                                    const plist::Dictionary& credentials) {
-  auto user = stringMember(credentials, "authUser");
-  const Value* pass = credentials.find("authPass");
-  const plist::Data* bytes = pass ? pass->asData() : nullptr;
-  return authorization.authStartWithUser(user, bytes ? QVEncryption::decryptPassword(*bytes)
-                                                     : SecretBuffer());
-}
-
 } // namespace
 
 PluginOperations::PluginOperations(const Services& services)
     : services_(services), folders_(services.paths),
       inventory_(std::make_unique<PluginInventory>(services.paths, services.workspace)),
-      credentials_(services.authorization, services.errorChannel) {}
+      credentials_(services.credentials, services.errorChannel) {}
 
 PluginOperations::~PluginOperations() = default;
 
@@ -279,7 +270,8 @@ void PluginOperations::vantryInstallPlugin(std::optional<plist::Dictionary> reco
   ::unlink(archive.c_str());
 }
 
-void PluginOperations::vantryUpdatePlugin(std::optional<plist::Dictionary> authInfo,
+void PluginOperations::vantryUpdatePlugin(const Caller& caller,
+                                          std::optional<plist::Dictionary> authInfo,
                                           std::optional<plist::Dictionary> settings) {
   services_.errorChannel.setProcessingCancelled(false);
   const Value* recordValue = memberOf(settings, "obj1");
@@ -303,7 +295,7 @@ void PluginOperations::vantryUpdatePlugin(std::optional<plist::Dictionary> authI
   }
   std::optional<QVAuthorization::Session> rights;
   if (authInfo) {
-    rights.emplace(sessionFor(services_.authorization, *authInfo));
+    rights.emplace(credentials_.sessionFor(caller, authInfo));
     if (!rights->isAuthorized()) {
       QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
       services_.errorChannel.postErrorWithCode(1006, std::nullopt);
@@ -363,7 +355,7 @@ void PluginOperations::vantryUpdatePlugin(std::optional<plist::Dictionary> authI
   }
 }
 
-void PluginOperations::runVantry(const std::vector<std::string>& arguments,
+void PluginOperations::runVantry(const Caller& caller, const std::vector<std::string>& arguments,
                                  const std::optional<plist::Dictionary>& authInfo) {
   auto application = services_.applications.pathForAppWithBundleID(kVantryIdentifier);
   if (!application) {
@@ -376,14 +368,15 @@ void PluginOperations::runVantry(const std::vector<std::string>& arguments,
   std::string executable = executableOfBundle(*application);
   if (authInfo) {
     plist::Array values(arguments.begin(), arguments.end());
-    credentials_.launchAuthTask(executable, std::move(values), authInfo);
+    credentials_.launchAuthTask(caller, executable, std::move(values), authInfo);
     return;
   }
   // The tool's answer is its own business: the admin side lists the plug-ins again.
   QVTaskEx::terminationCodeFromTask(executable, arguments, kVantryLimit, services_.timer);
 }
 
-void PluginOperations::vantryEnablePlugin(std::optional<plist::Dictionary> authInfo,
+void PluginOperations::vantryEnablePlugin(const Caller& caller,
+                                          std::optional<plist::Dictionary> authInfo,
                                           std::optional<plist::Dictionary> settings) {
   services_.errorChannel.setProcessingCancelled(false);
   auto given = stringIn(settings, "obj1");
@@ -403,10 +396,11 @@ void PluginOperations::vantryEnablePlugin(std::optional<plist::Dictionary> authI
   if (path) {
     arguments.push_back(*path);
   }
-  runVantry(arguments, authInfo);
+  runVantry(caller, arguments, authInfo);
 }
 
-void PluginOperations::vantryChangeAccess(std::optional<plist::Dictionary> authInfo,
+void PluginOperations::vantryChangeAccess(const Caller& caller,
+                                          std::optional<plist::Dictionary> authInfo,
                                           std::optional<plist::Dictionary> settings) {
   services_.errorChannel.setProcessingCancelled(false);
   auto given = stringIn(settings, "obj1");
@@ -422,7 +416,7 @@ void PluginOperations::vantryChangeAccess(std::optional<plist::Dictionary> authI
   if (path) {
     arguments.push_back(*path);
   }
-  runVantry(arguments, authInfo);
+  runVantry(caller, arguments, authInfo);
 }
 
 bool PluginOperations::vantryNeedsAdminAccess(std::optional<plist::Array> records,

@@ -40,11 +40,11 @@ public:
   std::optional<plist::Data> vantryPluginData(std::optional<plist::Dictionary> record);
   void vantryInstallPlugin(std::optional<plist::Dictionary> record,
                            std::optional<plist::Data> archive);
-  void vantryUpdatePlugin(std::optional<plist::Dictionary> authInfo,
+  void vantryUpdatePlugin(const Caller& caller, std::optional<plist::Dictionary> authInfo,
                           std::optional<plist::Dictionary> settings);
-  void vantryEnablePlugin(std::optional<plist::Dictionary> authInfo,
+  void vantryEnablePlugin(const Caller& caller, std::optional<plist::Dictionary> authInfo,
                           std::optional<plist::Dictionary> settings);
-  void vantryChangeAccess(std::optional<plist::Dictionary> authInfo,
+  void vantryChangeAccess(const Caller& caller, std::optional<plist::Dictionary> authInfo,
                           std::optional<plist::Dictionary> settings);
   bool vantryNeedsAdminAccess(std::optional<plist::Array> records,
                               std::optional<plist::Dictionary> destination);
@@ -56,7 +56,7 @@ public:
 
 private:
   // Runs Vantry with the arguments, with the caller's rights when authInfo is given.
-  void runVantry(const std::vector<std::string>& arguments,
+  void runVantry(const Caller& caller, const std::vector<std::string>& arguments,
                  const std::optional<plist::Dictionary>& authInfo);
   // Whether the path lies inside a folder of the plug-in table or its disabled copy; logs a
   // refusal when it does not.

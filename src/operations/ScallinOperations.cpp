@@ -15,7 +15,8 @@ void ScallinOperations::registerIn(OperationTable& table) {
   table.add("scallinRemoveApps:settings:", *this, &ScallinOperations::scallinRemoveApps);
 }
 
-void ScallinOperations::scallinRemoveApps(std::optional<plist::Dictionary> credentials,
+void ScallinOperations::scallinRemoveApps(const Caller& caller,
+                                          std::optional<plist::Dictionary> credentials,
                                           plist::Dictionary settings) {
   channel_.setProcessingCancelled(false);
   auto application = settingsArgument<std::optional<std::int64_t>>(settings, "obj1",
@@ -31,8 +32,8 @@ void ScallinOperations::scallinRemoveApps(std::optional<plist::Dictionary> crede
   }
   QVLog::appendLog("Removing Final Cut Studio app id {} with Scallin...",
                    static_cast<int>(*application));
-  auto launched = scallin_.launch({"-auto", "-custom", std::to_string(*application)}, credentials,
-                                  false, kRunLimit);
+  auto launched = scallin_.launch(caller, {"-auto", "-custom", std::to_string(*application)},
+                                  credentials, false, kRunLimit);
   switch (launched.outcome) {
   case MakerTool::Launch::Outcome::HandedOver:
     return;

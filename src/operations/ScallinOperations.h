@@ -20,7 +20,8 @@ public:
   void registerIn(OperationTable& table);
 
   // settings: "obj1" the numeric identifier of the application to remove.
-  void scallinRemoveApps(std::optional<plist::Dictionary> credentials, plist::Dictionary settings);
+  void scallinRemoveApps(const Caller& caller, std::optional<plist::Dictionary> credentials,
+                         plist::Dictionary settings);
 
   static constexpr double kFinishedTaskDeadline = 600.0;
 

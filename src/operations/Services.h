@@ -21,6 +21,7 @@ class AgentControl;
 class AgentIcons;
 class ApplicationCatalog;
 class CallbackRelay;
+class CredentialThrottle;
 class ErrorChannel;
 
 // Everything that groups of remote operations may use, built from explicit parts by the
@@ -36,6 +37,8 @@ struct Services {
   const ExceptionGuard& guard;
   ErrorChannel& errorChannel;
   QVAuthorization& authorization;
+  // Every check of a caller's credentials goes through here, never to authorization directly.
+  CredentialThrottle& credentials;
   const platform::Workspace& workspace;
   ApplicationCatalog& applications;
   PreferenceFile& settings;

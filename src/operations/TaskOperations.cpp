@@ -16,6 +16,7 @@
 #include "operations/AgentIcons.h"
 #include "operations/ApplicationCatalog.h"
 #include "operations/CallbackRelay.h"
+#include "operations/CredentialThrottle.h"
 #include "operations/ErrorChannel.h"
 #include "operations/MakerApplications.h"
 #include "platform/FileBytes.h"
@@ -165,7 +166,7 @@ void TaskOperations::executeTask(std::string taskId, std::string bundleId,
   }
 }
 
-void TaskOperations::authExecuteTask(std::string taskId, std::string bundleId,
+void TaskOperations::authExecuteTask(const Caller& caller, std::string taskId, std::string bundleId,
                                      std::optional<plist::Array> options,
                                      std::optional<std::string> user, Value password) {
   plist::Array given = options.value_or(plist::Array{});
@@ -180,7 +181,7 @@ void TaskOperations::authExecuteTask(std::string taskId, std::string bundleId,
   if (task.failure != 0) {
     return fail(task.failure, task.info);
   }
-  auto authorization = services_.authorization.authStartWithUser(user, passwordFrom(password));
+  auto authorization = services_.credentials.startSession(caller, user, passwordFrom(password));
   if (!authorization.isAuthorized()) {
     QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
     return fail(1006, std::nullopt);
@@ -225,7 +226,7 @@ void TaskOperations::authExecuteTaskWithCallback(const Caller& caller, std::stri
   default:
     return report("Error: Task not found.");
   }
-  auto authorization = services_.authorization.authStartWithUser(user, passwordFrom(password));
+  auto authorization = services_.credentials.startSession(caller, user, passwordFrom(password));
   if (!authorization.isAuthorized()) {
     QVLog::appendLog("Unable to authorize. Username and password may be incorrect.");
     return report("Error: Unable to authorize. Username and password may be incorrect.");

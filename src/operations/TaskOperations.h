@@ -21,7 +21,7 @@ public:
   void registerIn(OperationTable& table);
 
   void executeTask(std::string taskId, std::string bundleId, std::optional<plist::Array> options);
-  void authExecuteTask(std::string taskId, std::string bundleId,
+  void authExecuteTask(const Caller& caller, std::string taskId, std::string bundleId,
                        std::optional<plist::Array> options, std::optional<std::string> user,
                        plist::Value password);
   // The same run, reporting to the call's own callback instead of the error channel: each

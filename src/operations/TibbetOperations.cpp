@@ -78,27 +78,28 @@ std::optional<plist::Dictionary> TibbetOperations::tibbetTaskDictionary() {
   return std::move(*tasks);
 }
 
-void TibbetOperations::addTask(std::optional<plist::Dictionary> credentials,
+void TibbetOperations::addTask(const Caller& caller, std::optional<plist::Dictionary> credentials,
                                plist::Dictionary settings) {
   channel_.setProcessingCancelled(false);
   constexpr const char* kSelector = "tibbetAddTask:settings:";
   auto task = settingsArgument<plist::Dictionary>(settings, "obj1", kSelector);
   auto arguments = taskArguments("-add", task, false, kSelector);
   QVLog::appendLog("Adding Tibbet task: {}", plist::describe(task));
-  run(arguments, credentials, false, tibbet_.bundleIdentifier());
+  run(caller, arguments, credentials, false, tibbet_.bundleIdentifier());
 }
 
-void TibbetOperations::editTask(std::optional<plist::Dictionary> credentials,
+void TibbetOperations::editTask(const Caller& caller, std::optional<plist::Dictionary> credentials,
                                 plist::Dictionary settings) {
   channel_.setProcessingCancelled(false);
   constexpr const char* kSelector = "tibbetEditTask:settings:";
   auto task = settingsArgument<plist::Dictionary>(settings, "obj1", kSelector);
   auto arguments = taskArguments("-edit", task, true, kSelector);
   QVLog::appendLog("Editing Tibbet task: {}", plist::describe(task));
-  run(arguments, credentials, true, std::nullopt);
+  run(caller, arguments, credentials, true, std::nullopt);
 }
 
-void TibbetOperations::removeTask(std::optional<plist::Dictionary> credentials,
+void TibbetOperations::removeTask(const Caller& caller,
+                                  std::optional<plist::Dictionary> credentials,
                                   plist::Dictionary settings) {
   channel_.setProcessingCancelled(false);
   constexpr const char* kSelector = "tibbetRemoveTask:settings:";
@@ -108,10 +109,11 @@ void TibbetOperations::removeTask(std::optional<plist::Dictionary> credentials,
     throwWrongSetting("obj2", kSelector, "a string or a number", plist::Value());
   }
   QVLog::appendLog("Removing Tibbet task {}...", *task);
-  run({"-remove", *task}, credentials, false, tibbet_.bundleIdentifier());
+  run(caller, {"-remove", *task}, credentials, false, tibbet_.bundleIdentifier());
 }
 
-void TibbetOperations::enableTask(std::optional<plist::Dictionary> credentials,
+void TibbetOperations::enableTask(const Caller& caller,
+                                  std::optional<plist::Dictionary> credentials,
                                   plist::Dictionary settings) {
   channel_.setProcessingCancelled(false);
   constexpr const char* kSelector = "tibbetEnableTask:settings:";
@@ -130,13 +132,13 @@ void TibbetOperations::enableTask(std::optional<plist::Dictionary> credentials,
   if (task) {
     arguments.push_back(*task);
   }
-  run(arguments, credentials, false, tibbet_.bundleIdentifier());
+  run(caller, arguments, credentials, false, tibbet_.bundleIdentifier());
 }
 
-void TibbetOperations::run(const MakerTool::Arguments& arguments,
+void TibbetOperations::run(const Caller& caller, const MakerTool::Arguments& arguments,
                            const std::optional<plist::Dictionary>& credentials, bool logFound,
                            const std::optional<std::string>& exitInfo) {
-  auto launched = tibbet_.launch(arguments, credentials, logFound, kChangeLimit);
+  auto launched = tibbet_.launch(caller, arguments, credentials, logFound, kChangeLimit);
   switch (launched.outcome) {
   case MakerTool::Launch::Outcome::ToolMissing:
     channel_.postErrorWithCode(1000, tibbet_.bundleIdentifier());

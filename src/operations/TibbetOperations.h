@@ -25,17 +25,21 @@ public:
 
   std::optional<plist::Dictionary> tibbetTaskDictionary();
   // settings: "obj1" the task.
-  void addTask(std::optional<plist::Dictionary> credentials, plist::Dictionary settings);
-  void editTask(std::optional<plist::Dictionary> credentials, plist::Dictionary settings);
+  void addTask(const Caller& caller, std::optional<plist::Dictionary> credentials,
+               plist::Dictionary settings);
+  void editTask(const Caller& caller, std::optional<plist::Dictionary> credentials,
+                plist::Dictionary settings);
   // settings: "obj2" the task identifier.
-  void removeTask(std::optional<plist::Dictionary> credentials, plist::Dictionary settings);
+  void removeTask(const Caller& caller, std::optional<plist::Dictionary> credentials,
+                  plist::Dictionary settings);
   // settings: "obj1" a task identifier, or none for every task; "obj2" true to enable.
-  void enableTask(std::optional<plist::Dictionary> credentials, plist::Dictionary settings);
+  void enableTask(const Caller& caller, std::optional<plist::Dictionary> credentials,
+                  plist::Dictionary settings);
 
 private:
   // Runs Tibbet; a missing Tibbet posts 1000 with its identifier, a non-zero exit status is
   // posted with exitInfo.
-  void run(const MakerTool::Arguments& arguments,
+  void run(const Caller& caller, const MakerTool::Arguments& arguments,
            const std::optional<plist::Dictionary>& credentials, bool logFound,
            const std::optional<std::string>& exitInfo);
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -12,6 +13,7 @@
 #include <sys/types.h>
 
 #include "platform/FileDescriptor.h"
+#include "platform/PipeReader.h"
 #include "support/Expected.h"
 
 namespace kestrin::platform {
@@ -37,8 +39,8 @@ struct LaunchRequest {
 };
 
 // How a child ended. `status` is the exit code, or the number of the signal that ended it
-// (a tool stopped by the time limit reports 15). A child reaped by someone else (the agent
-// must never set SIGCHLD to SIG_IGN) reports Lost with status -1.
+// (a tool stopped by the time limit reports 15, or 9 when it had to be killed). A child reaped
+// by someone else (the agent must never set SIGCHLD to SIG_IGN) reports Lost with status -1.
 struct Termination {
   enum class Reason { Exit, Signal, Lost };
   Reason reason = Reason::Exit;
@@ -54,10 +56,14 @@ struct Termination {
 // sees end of file instead of waiting forever; the signal mask is empty and every signal has
 // its default action (the agent ignores SIGPIPE; its tools must not).
 //
+// Each child leads a process group of its own, so the helpers a tool starts can be stopped with
+// it: terminate() and kill() signal the whole group.
+//
 // Every child is reaped exactly once: by waitUntilExit(), or by the destructor, which hands a
 // child that is still running to a background reaper instead of blocking. All members are
-// safe to call from several threads at once; terminate() never signals a recycled pid because
-// the child is only reaped under the same lock.
+// safe to call from several threads at once; signals never reach a recycled pid or group
+// because the child is only reaped under the same lock (an unreaped child keeps its id and its
+// group's id from being reused).
 class ChildProcess {
 public:
   // Starts the child. Failure carries the reason (the executable is missing, not executable,
@@ -75,24 +81,43 @@ public:
   // (later calls give an invalid descriptor). Both are close-on-exec.
   FileDescriptor takeStandardOutput();
   FileDescriptor takeStandardError();
+  // Takes both pipes and reads them to their end (see drainToEnd), or only until
+  // cutOffOutput(): a helper of the tool that keeps the pipe open cannot hold the reader.
+  DrainedOutput drainOutput();
+  // Makes a current and every later drainOutput() answer what it has read so far. Any thread.
+  void cutOffOutput();
 
   // True until the child has ended (a child that ended but is not yet reaped is not running).
   bool isRunning() const;
   // Blocks until the child ends, reaps it, and answers how it ended. Later calls answer the
-  // same without blocking.
+  // same without blocking. While the group is held (holdGroup) and other processes of the
+  // group still live, the ended child is reaped only once the group is released.
   Termination waitUntilExit();
-  // Sends SIGTERM. Answers false when the child was already reaped (nothing is sent then).
+  // Sends SIGTERM to the child's process group. Answers false when the child was already
+  // reaped (nothing is sent then).
   bool terminate();
+  // Sends SIGKILL to the child's process group. Answers whether any process of it was still
+  // alive to receive it.
+  bool kill();
+
+  // Keeps the group's id reserved for a later terminate() or kill(): until releaseGroup(), an
+  // ended child whose group still has live processes stays unreaped. The caller must release.
+  void holdGroup();
+  void releaseGroup();
 
 private:
   ChildProcess(pid_t pid, std::string launchPath, FileDescriptor standardOutput,
-               FileDescriptor standardError);
+               FileDescriptor standardError, FileDescriptor outputCutOff);
   void reapLocked();
+  bool signalGroupLocked(int signal);
 
   const pid_t pid_;
   const std::string launchPath_;
+  const FileDescriptor outputCutOff_; // an eventfd, readable once cut off; none without pipes
   mutable std::mutex mutex_;
+  std::condition_variable groupReleased_;
   bool reaped_ = false;           // guarded by mutex_
+  bool groupHeld_ = false;        // guarded by mutex_
   Termination termination_;       // guarded by mutex_, valid once reaped_
   FileDescriptor standardOutput_; // guarded by mutex_
   FileDescriptor standardError_;  // guarded by mutex_

@@ -18,7 +18,9 @@ struct DrainedOutput {
 // Reads both pipes until each reports end of file, whichever has data first, so a child that
 // fills one pipe while the agent waits on the other can never deadlock. Either descriptor may
 // be invalid (that stream is then left empty). Read errors other than EINTR end that stream.
-DrainedOutput drainToEnd(FileDescriptor standardOutput, FileDescriptor standardError);
+// When `stop` (a descriptor, -1 for none) becomes readable, reading ends with what it has.
+DrainedOutput drainToEnd(FileDescriptor standardOutput, FileDescriptor standardError,
+                         int stop = -1);
 
 // Reads one pipe chunk by chunk on one thread while another thread may stop it at any time:
 // interrupt() wakes a blocked next() without closing the descriptor under it (closing a

@@ -29,8 +29,8 @@ constexpr std::array<ToolInfo, kToolCount> kTools{{
     {Tool::Killall, "killall", "/usr/bin/killall"},
     {Tool::Qmasterprefs, "qmasterprefs", "/usr/sbin/qmasterprefs"},
     {Tool::Gm, "gm", "/usr/bin/gm"},
-    {Tool::Ditto, "ditto", ""},              // beside the running executable, see below
-    {Tool::KestrinAuth, "kestrin_auth", ""}, // beside the running executable, see below
+    {Tool::Ditto, "ditto", ""}, // beside the running executable, see below
+    {Tool::KestrinAuth, "kestrin_auth", "/usr/lib/kestrin/kestrin-auth"},
     {Tool::XdgOpen, "xdg_open", "/usr/bin/xdg-open"},
 }};
 
@@ -54,14 +54,12 @@ ToolTable::ToolTable(std::initializer_list<std::pair<Tool, std::string>> entries
   for (const auto& tool : kTools) {
     paths_[static_cast<std::size_t>(tool.tool)] = tool.defaultPath;
   }
-  // The bundle's own programs are installed next to the agent (and next to the test programs'
-  // own executables in a build tree, where tests name them explicitly).
+  // The bundle's own zip program is installed next to the agent (and next to the test
+  // programs' own executables in a build tree, where tests name it explicitly).
   std::error_code ec;
   auto self = std::filesystem::read_symlink("/proc/self/exe", ec);
   if (!ec) {
     paths_[static_cast<std::size_t>(Tool::Ditto)] = (self.parent_path() / "ditto").string();
-    paths_[static_cast<std::size_t>(Tool::KestrinAuth)] =
-        (self.parent_path() / "kestrin-auth").string();
   }
   for (const auto& [tool, path] : entries) {
     paths_[static_cast<std::size_t>(tool)] = path;

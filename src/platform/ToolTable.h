@@ -29,7 +29,8 @@ enum class Tool {
   Gm,           // GraphicsMagick: icons scaled to TIFF, out of the agent's process
   Ditto,        // zip archives, written and extracted out of the agent's process; the bundle's
                 // own program, beside the agent's executable
-  KestrinAuth,  // the setuid helper for administrator rights, beside the agent's executable
+  KestrinAuth,  // the setuid helper for administrator rights, where "-setup" installs it: a
+                // fixed place that only root may change, never inside the bundle
   XdgOpen,      // opens a document or a URL with the desktop's handler for it
 };
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
@@ -127,6 +128,11 @@ public:
   struct Caller {
     std::string address;          // the peer's address; "local" for a Unix-domain peer
     std::uint64_t connection = 0; // the peer's connection; 0 for a call from inside the process
+    // Set while the peer's connection lasts and cleared when it ends, so that long work can
+    // stop once its caller has gone. None for a call from inside the process.
+    std::shared_ptr<std::atomic<bool>> connected = {};
+
+    bool hasGone() const { return connected && !connected->load(); }
   };
 
   virtual ~RemoteObject();

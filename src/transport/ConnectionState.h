@@ -58,6 +58,9 @@ struct ConnectionState : std::enable_shared_from_this<ConnectionState> {
   // Forgets everything the connection holds; on the loop thread, when it ends.
   void drop() {
     alive = false;
+    if (peer.connected) {
+      *peer.connected = false; // the calls of the peer still running may stop
+    }
     imports.clear();
     proxiesByHook.clear();
     exports.clear();

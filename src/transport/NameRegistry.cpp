@@ -41,6 +41,34 @@ std::string fileNameFor(const std::string& name) {
   return encoded + ".name";
 }
 
+// The folder of the names, made with mode 0700 when it is missing. Whoever else could write in
+// it could take the agent's names or plant a record that sends callers elsewhere, so a folder
+// that is a link, that another user owns or that anyone but its owner may write in is refused
+// (in the shared temporary folder, another user can make it first).
+Expected<void> checkFolder(const std::string& directory) {
+  std::error_code ignored;
+  std::filesystem::create_directories(std::filesystem::path(directory).parent_path(), ignored);
+  if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
+    return Failure{errnoMessage("cannot create " + directory)};
+  }
+  platform::FileDescriptor folder(retryOnEintr(
+      [&] { return ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
+  if (!folder) {
+    return Failure{errnoMessage("cannot open " + directory)};
+  }
+  struct stat status {};
+  if (::fstat(folder.get(), &status) != 0) {
+    return Failure{errnoMessage("cannot examine " + directory)};
+  }
+  if (status.st_uid != ::geteuid()) {
+    return Failure{fmt::format("refusing {}: it belongs to user {}", directory, status.st_uid)};
+  }
+  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return Failure{fmt::format("refusing {}: other users may write in it", directory)};
+  }
+  return {};
+}
+
 bool sameFile(int fd, const std::string& path) {
   struct stat opened {};
   struct stat named {};
@@ -70,13 +98,13 @@ std::string NameRegistry::pathForName(const std::string& name) const {
 
 Expected<std::unique_ptr<NameRegistry::Registration>>
 NameRegistry::registerName(const std::string& name, const plist::Dictionary& contact) const {
-  std::error_code ec;
-  std::filesystem::create_directories(directory_, ec);
-  ::chmod(directory_.c_str(), 0700);
+  if (auto folder = checkFolder(directory_); !folder) {
+    return folder.failure();
+  }
   std::string path = pathForName(name);
   for (int attempt = 0; attempt < 8; ++attempt) {
-    platform::FileDescriptor fd(
-        retryOnEintr([&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); }));
+    platform::FileDescriptor fd(retryOnEintr(
+        [&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600); }));
     if (!fd) {
       return Failure{errnoMessage("cannot open " + path)};
     }
@@ -106,9 +134,12 @@ NameRegistry::registerName(const std::string& name, const plist::Dictionary& con
 }
 
 std::optional<plist::Dictionary> NameRegistry::lookup(const std::string& name) const {
+  if (!checkFolder(directory_)) {
+    return std::nullopt; // a record there could have been written by anyone
+  }
   std::string path = pathForName(name);
   platform::FileDescriptor fd(
-      retryOnEintr([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
+      retryOnEintr([&] { return ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC); }));
   if (!fd) {
     return std::nullopt;
   }

@@ -35,6 +35,9 @@ public:
   // $XDG_RUNTIME_DIR/kestrin-names, or kestrin-names-<uid> in the temporary folder.
   static std::string defaultDirectory();
 
+  // Both refuse to work in a folder that is a link, that another user owns or that others may
+  // write in; the folder is made with mode 0700 when it is missing.
+
   // Fails when a live process holds the name. contact is stored with the holder's "pid".
   Expected<std::unique_ptr<Registration>> registerName(const std::string& name,
                                                        const plist::Dictionary& contact) const;

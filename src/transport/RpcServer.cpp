@@ -115,7 +115,8 @@ struct RpcServer::Impl : kj::TaskSet::ErrorHandler {
     std::uint64_t id = nextConnection++;
     auto state = std::make_shared<ConnectionState>(
         kj::getCurrentThreadExecutor().addRef(), io->provider->getTimer(), *workers,
-        plist::RemoteObject::Caller{peer.address, connectionSerial()});
+        plist::RemoteObject::Caller{peer.address, connectionSerial(),
+                                    std::make_shared<std::atomic<bool>>(true)});
     auto connection = kj::heap<ServerConnection>(kj::mv(stream), state, root);
     auto& network = connection->network;
     connections.emplace(id, kj::mv(connection));

@@ -1,4 +1,5 @@
 #include <fstream>
+#include <future>
 
 #include <sys/stat.h>
 
@@ -117,6 +118,24 @@ TEST_F(TaskExecution, HostilePropertyListDataIsRefusedAndTheAgentStaysSmall) {
   }
   EXPECT_GT(peakKiB, 0);
   EXPECT_LT(peakKiB, 512 * 1024) << "peak resident memory of the agent, KiB";
+}
+
+// Links that make a folder contain itself, twice over: followed, they make a tree with no end
+// (2^n paths at depth n). The walk follows none of them, and the agent keeps serving.
+TEST_F(TaskExecution, ALinkLoopInAScannedFolderEndsAtOnce) {
+  fs::path loop = agent.home() / "loop";
+  fs::create_directories(loop / "inner");
+  fs::create_directory_symlink(".", loop / "again");
+  fs::create_directory_symlink("..", loop / "inner/up");
+  fs::create_directory_symlink(loop, loop / "inner/top");
+  auto scan = std::async(std::launch::async,
+                         [&] { return call("qvAppsInFolder:", {Value(loop.string())}); });
+  if (scan.wait_for(20s) != std::future_status::ready) {
+    agent.process().signal(SIGKILL); // so the call, and this test, can end
+    FAIL() << "the walk did not end";
+  }
+  EXPECT_EQ(scan.get(), Value(plist::Array{}));
+  EXPECT_TRUE(call("ping", {}).isNull());
 }
 
 } // namespace

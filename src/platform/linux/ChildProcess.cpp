@@ -1,12 +1,17 @@
 #include "platform/ChildProcess.h"
 
+#include <charconv>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <thread>
 #include <utility>
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -58,6 +63,38 @@ Expected<FileDescriptor> openNullDevice() {
   return aboveStandardStreams(FileDescriptor(fd));
 }
 
+// Whether a live process other than `leader` is in process group `group`. The leader's own
+// zombie still counts for kill(), so the process table is read instead.
+bool othersInGroup(pid_t group, pid_t leader) {
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it("/proc", ec), end; !ec && it != end;
+       it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    pid_t pid = 0;
+    auto [rest, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
+    if (error != std::errc() || rest != name.data() + name.size() || pid == leader) {
+      continue;
+    }
+    // "pid (command) state ppid pgrp ...": the command may hold spaces and parentheses.
+    std::ifstream stat(it->path() / "stat");
+    std::string line;
+    std::getline(stat, line);
+    auto close = line.rfind(')');
+    if (close == std::string::npos) {
+      continue;
+    }
+    char state = 0;
+    long parent = 0;
+    long processGroup = 0;
+    std::istringstream fields(line.substr(close + 1));
+    if (fields >> state >> parent >> processGroup && processGroup == group && state != 'Z' &&
+        state != 'X') {
+      return true;
+    }
+  }
+  return false;
+}
+
 Termination decode(int status) {
   if (WIFSIGNALED(status)) {
     return {Termination::Reason::Signal, WTERMSIG(status)};
@@ -99,6 +136,13 @@ Expected<std::shared_ptr<ChildProcess>> ChildProcess::launch(const LaunchRequest
   std::optional<Pipe> output;
   std::optional<Pipe> error;
   FileDescriptor nullDevice;
+  FileDescriptor outputCutOff;
+  if (request.standardOutput == StreamTarget::Pipe || request.standardError == StreamTarget::Pipe) {
+    outputCutOff.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!outputCutOff) {
+      return Failure{errnoMessage("eventfd")};
+    }
+  }
   for (auto [target, pipe] :
        {std::pair{request.standardOutput, &output}, std::pair{request.standardError, &error}}) {
     if (target == StreamTarget::Pipe) {
@@ -161,9 +205,13 @@ Expected<std::shared_ptr<ChildProcess>> ChildProcess::launch(const LaunchRequest
   if (rc == 0) {
     rc = ::posix_spawnattr_setsigdefault(&setup.attributes_, &signals);
   }
+  // A group of its own: a time limit then reaches whatever the tool started as well.
   if (rc == 0) {
-    rc = ::posix_spawnattr_setflags(&setup.attributes_,
-                                    POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    rc = ::posix_spawnattr_setpgroup(&setup.attributes_, 0);
+  }
+  if (rc == 0) {
+    rc = ::posix_spawnattr_setflags(
+        &setup.attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
   }
   if (rc != 0) {
     return Failure{errnoMessage("posix_spawn set-up", rc)};
@@ -201,15 +249,15 @@ Expected<std::shared_ptr<ChildProcess>> ChildProcess::launch(const LaunchRequest
 
   // Leaving this scope closes the child's ends of the pipes, the null device and the write end
   // of standard input: the child is the only writer left and its standard input is at EOF.
-  return std::shared_ptr<ChildProcess>(
-      new ChildProcess(pid, request.path, output ? std::move(output->readEnd) : FileDescriptor(),
-                       error ? std::move(error->readEnd) : FileDescriptor()));
+  return std::shared_ptr<ChildProcess>(new ChildProcess(
+      pid, request.path, output ? std::move(output->readEnd) : FileDescriptor(),
+      error ? std::move(error->readEnd) : FileDescriptor(), std::move(outputCutOff)));
 }
 
 ChildProcess::ChildProcess(pid_t pid, std::string launchPath, FileDescriptor standardOutput,
-                           FileDescriptor standardError)
-    : pid_(pid), launchPath_(std::move(launchPath)), standardOutput_(std::move(standardOutput)),
-      standardError_(std::move(standardError)) {}
+                           FileDescriptor standardError, FileDescriptor outputCutOff)
+    : pid_(pid), launchPath_(std::move(launchPath)), outputCutOff_(std::move(outputCutOff)),
+      standardOutput_(std::move(standardOutput)), standardError_(std::move(standardError)) {}
 
 ChildProcess::~ChildProcess() {
   std::lock_guard lock(mutex_);
@@ -244,6 +292,18 @@ FileDescriptor ChildProcess::takeStandardError() {
   return std::move(standardError_);
 }
 
+DrainedOutput ChildProcess::drainOutput() {
+  return drainToEnd(takeStandardOutput(), takeStandardError(),
+                    outputCutOff_ ? outputCutOff_.get() : -1);
+}
+
+void ChildProcess::cutOffOutput() {
+  if (outputCutOff_) {
+    std::uint64_t one = 1;
+    retryOnEintr([&] { return ::write(outputCutOff_.get(), &one, sizeof one); });
+  }
+}
+
 bool ChildProcess::isRunning() const {
   std::lock_guard lock(mutex_);
   if (reaped_) {
@@ -268,19 +328,52 @@ Termination ChildProcess::waitUntilExit() {
   // during the wait; the reap then happens under the lock.
   siginfo_t info{};
   retryOnEintr([&] { return ::waitid(P_PID, pid_, &info, WEXITED | WNOWAIT); });
-  std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
+  groupReleased_.wait(lock, [&] { return reaped_ || !groupHeld_ || !othersInGroup(pid_, pid_); });
   if (!reaped_) {
     reapLocked();
   }
   return termination_;
 }
 
+bool ChildProcess::signalGroupLocked(int signal) {
+  if (reaped_) {
+    return false;
+  }
+  // The group is the child's pid (it leads it from its launch); the child alone, should the
+  // group be gone.
+  return ::kill(-pid_, signal) == 0 || ::kill(pid_, signal) == 0;
+}
+
 bool ChildProcess::terminate() {
+  std::lock_guard lock(mutex_);
+  return signalGroupLocked(SIGTERM);
+}
+
+bool ChildProcess::kill() {
   std::lock_guard lock(mutex_);
   if (reaped_) {
     return false;
   }
-  return ::kill(pid_, SIGTERM) == 0;
+  siginfo_t info{};
+  bool leaderRunning =
+      ::waitid(P_PID, pid_, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
+  bool alive = leaderRunning || othersInGroup(pid_, pid_);
+  signalGroupLocked(SIGKILL);
+  return alive;
+}
+
+void ChildProcess::holdGroup() {
+  std::lock_guard lock(mutex_);
+  groupHeld_ = true;
+}
+
+void ChildProcess::releaseGroup() {
+  {
+    std::lock_guard lock(mutex_);
+    groupHeld_ = false;
+  }
+  groupReleased_.notify_all();
 }
 
 void ChildProcess::reapLocked() {

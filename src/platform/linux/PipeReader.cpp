@@ -26,17 +26,21 @@ bool appendAvailable(int fd, Bytes& sink) {
 
 } // namespace
 
-DrainedOutput drainToEnd(FileDescriptor standardOutput, FileDescriptor standardError) {
+DrainedOutput drainToEnd(FileDescriptor standardOutput, FileDescriptor standardError, int stop) {
   DrainedOutput result;
   FileDescriptor* pipes[2] = {&standardOutput, &standardError};
   Bytes* sinks[2] = {&result.standardOutput, &result.standardError};
-  pollfd polls[2];
+  pollfd polls[3];
   for (int i = 0; i < 2; ++i) {
     // poll() skips entries with a negative descriptor.
     polls[i] = pollfd{pipes[i]->valid() ? pipes[i]->get() : -1, POLLIN, 0};
   }
+  polls[2] = pollfd{stop, POLLIN, 0};
   while (polls[0].fd >= 0 || polls[1].fd >= 0) {
-    if (retryOnEintr([&] { return ::poll(polls, 2, -1); }) < 0) {
+    if (retryOnEintr([&] { return ::poll(polls, 3, -1); }) < 0) {
+      break;
+    }
+    if (polls[2].revents != 0) {
       break;
     }
     for (int i = 0; i < 2; ++i) {

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "auth/PamService.h"
 #include "fixtures/ThrowawayMachine.h"
 #include "platform/ToolTable.h"
 
@@ -17,11 +18,14 @@ using platform::ToolTable;
 using testing::readText;
 using testing::ThrowawayMachine;
 
+// Set-up trusts only a bundle that root alone may change all the way up, so the machine lives
+// in such a folder when the test runs as root.
 class InstallerTest : public ::testing::Test {
 protected:
   explicit InstallerTest(uid_t uid = 1000, std::optional<std::string> console = std::nullopt)
-      : machine(uid, console), bundle(machine.makeBundle(machine.root() / "Applications", "Kestrin",
-                                                         "com.quorvane.Kestrin", "100")),
+      : machine(uid, console, testing::rootOnlyTemporaryParent()),
+        bundle(machine.makeBundle(machine.root() / "Applications", "Kestrin",
+                                  "com.quorvane.Kestrin", "100")),
         tools({{Tool::Chown, machine.makeRecordingTool("chown")},
                {Tool::Chmod, machine.makeRecordingTool("chmod")},
                {Tool::Systemctl, machine.makeRecordingTool("systemctl")},
@@ -30,9 +34,12 @@ protected:
 
   Installer installer(std::optional<std::string> bundlePath) {
     return Installer({machine.paths(), tools, std::move(bundlePath), privilegedMove,
-                      [this](std::chrono::seconds s) { slept.push_back(s.count()); }});
+                      [this](std::chrono::seconds s) { slept.push_back(s.count()); },
+                      machine.root().string()});
   }
   Installer installer() { return installer(bundle.string()); }
+  // Whether set-up can trust anything here: only root can make files that are root's alone.
+  static bool trusted() { return testing::rootOnlyTemporaryParent().has_value(); }
   std::string commands() const { return readText(machine.commandLog()); }
   fs::path unitFolder() const { return machine.root() / "etc/systemd/user"; }
 
@@ -43,7 +50,13 @@ protected:
   std::function<bool(const std::string&, const std::string&)> privilegedMove;
 };
 
+#define SKIP_UNLESS_TRUSTED()                                                                      \
+  if (!trusted()) {                                                                                \
+    GTEST_SKIP() << "needs root and a folder that only root may change";                           \
+  }
+
 TEST_F(InstallerTest, SetupWritesTheUnitProtectsItAndEnablesIt) {
+  SKIP_UNLESS_TRUSTED();
   fs::create_directories(unitFolder());
   testing::writeText(bundle / "Contents/MacOS/kestrin-auth", "helper");
   installer().setupClient();
@@ -58,15 +71,65 @@ TEST_F(InstallerTest, SetupWritesTheUnitProtectsItAndEnablesIt) {
             std::string::npos);
   EXPECT_NE(text.find("WantedBy=default.target\n"), std::string::npos);
 
-  std::string helper = (bundle / "Contents/MacOS/kestrin-auth").string();
-  EXPECT_EQ(commands(), "chown root:root " + unit.string() + "\n" + "chmod 644 " + unit.string() +
-                            "\n" + "systemctl --root=" + machine.root().string() +
-                            " --global enable com.quorvane.Kestrin.service\n" + "chown root:root " +
-                            helper + "\n" + "chmod 4755 " + helper + "\n");
+  EXPECT_EQ(commands(), "chown root:root -- " + unit.string() + "\n" + "chmod 644 -- " +
+                            unit.string() + "\n" + "systemctl --root=" + machine.root().string() +
+                            " --global enable com.quorvane.Kestrin.service\n");
   EXPECT_TRUE(slept.empty());
+
+  // The helper: a new root-owned setuid copy in a fixed place; the bundle's own stays as it was.
+  fs::path helper = machine.root() / "usr/lib/kestrin/kestrin-auth";
+  EXPECT_EQ(helper.string(), installer().helperPath());
+  EXPECT_EQ(readText(helper), "helper");
+  struct stat info {};
+  ASSERT_EQ(::stat(helper.c_str(), &info), 0);
+  EXPECT_EQ(info.st_uid, 0u);
+  EXPECT_EQ(info.st_mode & 07777, 04755u);
+  ASSERT_EQ(::stat((bundle / "Contents/MacOS/kestrin-auth").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 06000, 0u);
+  fs::path pam = machine.root() / "etc/pam.d/kestrin-auth";
+  EXPECT_EQ(readText(pam), std::string(auth::kPamServiceText));
+  ASSERT_EQ(::stat(pam.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0644u);
+}
+
+// Whoever can change the bundle would choose what runs as every user, and as root.
+TEST_F(InstallerTest, ABundleThatOthersCouldChangeIsRefusedAndNothingIsInstalled) {
+  SKIP_UNLESS_TRUSTED();
+  fs::create_directories(unitFolder());
+  fs::path helper = bundle / "Contents/MacOS/kestrin-auth";
+  testing::writeText(helper, "helper");
+  fs::path payload = machine.root() / "payload";
+  testing::writeText(payload, "a user's program");
+  ASSERT_EQ(::chown(payload.c_str(), 65534, 65534), 0);
+  auto refused = [&](const std::string& why) {
+    installer().setupClient();
+    bool said = machine.logText().find("Error - refusing to set up from " + bundle.string() + ": " +
+                                       why + ".") != std::string::npos;
+    bool nothing = !fs::exists(unitFolder() / "com.quorvane.Kestrin.service") &&
+                   !fs::exists(machine.root() / "usr/lib/kestrin") &&
+                   !fs::exists(machine.root() / "etc/pam.d") && commands().empty();
+    struct stat info {};
+    bool payloadAlone =
+        ::stat(payload.c_str(), &info) == 0 && info.st_uid == 65534 && (info.st_mode & 06000) == 0;
+    return said && nothing && payloadAlone;
+  };
+
+  ::chmod(bundle.c_str(), 0777);
+  EXPECT_TRUE(refused(bundle.string() + " may be changed by users other than root"));
+  ::chmod(bundle.c_str(), 0755);
+
+  ASSERT_EQ(::chown((machine.root() / "Applications").c_str(), 65534, 65534), 0);
+  EXPECT_TRUE(
+      refused((machine.root() / "Applications").string() + " belongs to user 65534, not to root"));
+  ASSERT_EQ(::chown((machine.root() / "Applications").c_str(), 0, 0), 0);
+
+  fs::remove(helper);
+  fs::create_symlink(payload, helper);
+  EXPECT_TRUE(refused(helper.string() + " is a symbolic link"));
 }
 
 TEST_F(InstallerTest, AnUnwritableUnitFolderFallsBackToAPrivilegedMoveOfADocumentsCopy) {
+  SKIP_UNLESS_TRUSTED();
   fs::path copy = machine.home() / "Documents/com.quorvane.Kestrin.service";
   fs::create_directories(copy.parent_path());
   std::vector<std::pair<std::string, std::string>> moves;
@@ -85,10 +148,11 @@ TEST_F(InstallerTest, AnUnwritableUnitFolderFallsBackToAPrivilegedMoveOfADocumen
   EXPECT_EQ(slept, std::vector<long>{1});
   EXPECT_FALSE(fs::exists(copy)); // removed after the pause
   EXPECT_TRUE(fs::exists(unit));
-  EXPECT_NE(commands().find("chmod 644 " + unit.string()), std::string::npos);
+  EXPECT_NE(commands().find("chmod 644 -- " + unit.string()), std::string::npos);
 }
 
 TEST_F(InstallerTest, AFailedPrivilegedMoveIsLoggedAndTheModesAreStillSet) {
+  SKIP_UNLESS_TRUSTED();
   fs::create_directories(machine.home() / "Documents");
   privilegedMove = [](const std::string&, const std::string&) { return false; };
   installer().setupClient();
@@ -101,6 +165,7 @@ TEST_F(InstallerTest, AFailedPrivilegedMoveIsLoggedAndTheModesAreStillSet) {
 }
 
 TEST_F(InstallerTest, NoWritableFolderAtAllStopsBeforeRunningAnything) {
+  SKIP_UNLESS_TRUSTED();
   installer().setupClient(); // neither the unit folder nor Documents exists
   EXPECT_NE(machine.logText().find("Error: Unable to write LaunchAgent data."), std::string::npos);
   EXPECT_EQ(commands(), "");
@@ -124,8 +189,8 @@ TEST_F(InstallerTest, OnlyVolumesWhoseNamesBeginWithTheProductAreDetached) {
   installer().cleanupMountedDisks();
   std::string media = (machine.root() / "media").string();
   std::string cmds = commands();
-  EXPECT_NE(cmds.find("umount " + media + "/Kestrin\n"), std::string::npos);
-  EXPECT_NE(cmds.find("umount " + media + "/Kestrin 2.1\n"), std::string::npos);
+  EXPECT_NE(cmds.find("umount -- " + media + "/Kestrin\n"), std::string::npos);
+  EXPECT_NE(cmds.find("umount -- " + media + "/Kestrin 2.1\n"), std::string::npos);
   EXPECT_EQ(std::count(cmds.begin(), cmds.end(), '\n'), 2);
   EXPECT_NE(machine.logText().find("Unmounting disk image Kestrin 2.1..."), std::string::npos);
 }
@@ -147,13 +212,11 @@ TEST_F(InstallerAsRootTest, ConsoleUsersRemovableMediaAreCleanedToo) {
   fs::create_directories(machine.root() / "run/media/alice/Kestrin Installer");
   installer().cleanupMountedDisks();
   EXPECT_EQ(commands(),
-            "umount " + (machine.root() / "run/media/alice/Kestrin Installer").string() + "\n");
+            "umount -- " + (machine.root() / "run/media/alice/Kestrin Installer").string() + "\n");
 }
 
 TEST_F(InstallerTest, RealOwnerAndModeWhenRunAsRoot) {
-  if (::getuid() != 0) {
-    GTEST_SKIP() << "needs root to give the unit to root";
-  }
+  SKIP_UNLESS_TRUSTED();
   tools = ToolTable({{Tool::Systemctl, machine.makeRecordingTool("systemctl")}});
   fs::create_directories(unitFolder());
   installer().setupClient();

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "ThrowawayAccounts.h"
+#include "auth/PamService.h"
 
 namespace kestrin::auth {
 namespace {
@@ -135,8 +136,7 @@ TEST_F(KestrinAuth, PamFolderOfTheCallersChoosingIsRefusedUnlessTheCallerIsRoot)
 // The service file that -setup installs, against this machine's common stacks.
 TEST_F(KestrinAuth, ShippedPamServiceAcceptsAnAdministratorAndRefusesAWrongPassword) {
   testing::TempDir confdir;
-  std::filesystem::copy_file(KESTRIN_SOURCE_DIR "/resources/pam.d/kestrin-auth",
-                             confdir / "kestrin-auth");
+  testing::writeText(confdir / "kestrin-auth", std::string(kPamServiceText));
   for (const char* included : {"common-auth", "common-account"}) {
     std::filesystem::copy_file(std::filesystem::path("/etc/pam.d") / included, confdir / included);
   }

@@ -13,6 +13,7 @@
 
 #include "ThrowawayAccounts.h"
 #include "auth/AuthStatus.h"
+#include "auth/PamService.h"
 #include "fixtures/AgentProcess.h"
 #include "fixtures/ThrowawayMachine.h"
 
@@ -59,6 +60,41 @@ TEST_F(QVAuthorizationTest, SystemDirectoriesAreRefusedWithoutRunningAnything) {
     EXPECT_NE(said.find(text), std::string::npos) << text;
   }
   EXPECT_FALSE(fs::exists(machine.commandLog()));
+}
+
+// A caller's name that begins with "-" must reach rm, mv and cp as a path, never as an option
+// ("--no-preserve-root", "-t /etc").
+TEST_F(QVAuthorizationTest, EveryPathGoesToTheToolsAfterTheEndOfOptions) {
+  platform::ToolTable recording{
+      {platform::Tool::Rm, machine.makeRecordingTool("rm").string()},
+      {platform::Tool::Mv, machine.makeRecordingTool("mv").string()},
+      {platform::Tool::Cp, machine.makeRecordingTool("cp").string()},
+      {platform::Tool::Mkdir, machine.makeRecordingTool("mkdir").string()}};
+  QVAuthorization authorization = asRoot(recording);
+  auto session = authorization.authStart();
+  fs::path work = machine.root() / "work";
+  std::string dashed = (work / "-rf").string();
+  touch(dashed);
+  fs::create_directories(work / "-folder");
+  touch(work / "-folder/-entry");
+  EXPECT_TRUE(session.authRemoveFile(dashed));
+  EXPECT_TRUE(session.authMoveFile(dashed, "-t"));
+  EXPECT_TRUE(session.authCopyFile(dashed, "-t"));
+  EXPECT_TRUE(session.authCreateDir("-m777"));
+  QVAuthorization rootAccount({machine.paths(), recording, true}, false);
+  EXPECT_TRUE(rootAccount.authStart().authTrashFolderContents((work / "-folder").string(), true));
+  std::string commands; // cp and mkdir are only started by a root agent
+  testing::eventually([&] {
+    commands = testing::readText(machine.commandLog());
+    return commands.find("cp ") != std::string::npos && commands.find("mkdir") != std::string::npos;
+  });
+  for (const std::string& line :
+       {"rm -Rdf -- " + dashed + "\n", "mv -f -- " + dashed + " -t\n",
+        "cp -f -p -R -- " + dashed + " -t\n", std::string("mkdir -p -- -m777\n")}) {
+    EXPECT_NE(commands.find(line), std::string::npos) << line << commands;
+  }
+  EXPECT_NE(commands.find(" -- " + (work / "-folder/-entry").string()), std::string::npos)
+      << commands;
 }
 
 TEST_F(QVAuthorizationTest, TrashingATakenNameAddsTheStampBeforeTheExtension) {
@@ -116,8 +152,7 @@ protected:
     secondAdministrator_ = std::make_unique<testing::ThrowawayUser>(true);
     // PAM reads the helper's service from a private folder, so /etc/pam.d stays untouched.
     confdir_ = std::make_unique<testing::TempDir>();
-    fs::copy_file(KESTRIN_SOURCE_DIR "/resources/pam.d/kestrin-auth",
-                  confdir_->path() / "kestrin-auth");
+    testing::writeText(confdir_->path() / "kestrin-auth", std::string(auth::kPamServiceText));
     for (const char* included : {"common-auth", "common-account"}) {
       fs::copy_file(fs::path("/etc/pam.d") / included, confdir_->path() / included);
     }

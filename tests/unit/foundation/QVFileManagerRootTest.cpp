@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "ThrowawayAccounts.h"
+#include "auth/PamService.h"
 #include "fixtures/TempDir.h"
 #include "fixtures/ThrowawayMachine.h"
 #include "platform/Clock.h"
@@ -69,7 +70,7 @@ protected:
   static void SetUpTestSuite() {
     ThrowawayAccounts::SetUpTestSuite();
     if (::geteuid() == 0 && !fs::exists(kPamService)) {
-      fs::copy_file(KESTRIN_SOURCE_DIR "/resources/pam.d/kestrin-auth", kPamService);
+      testing::writeText(kPamService, std::string(auth::kPamServiceText));
       installedPamService_ = true;
     }
   }

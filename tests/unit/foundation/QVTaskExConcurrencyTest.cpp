@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "fixtures/AgentProcess.h"
 #include "fixtures/TempDir.h"
 #include "foundation/Timer.h"
 #include "platform/ManualClock.h"
@@ -58,6 +59,65 @@ TEST_F(QVTaskExConcurrencyTest, ALimitOfTwoPointNineSecondsActsAfterTwoSecondsOf
   ASSERT_EQ(status.wait_for(20s), std::future_status::ready);
   EXPECT_EQ(status.get(), SIGTERM);
   EXPECT_NE(log.text().find("Task " + sleeper + " timed out. Terminating..."), std::string::npos);
+}
+
+// Whether a process is still there: gone, or a zombie nobody has reaped yet, counts as ended.
+bool alive(pid_t pid) {
+  std::string stat = testing::readText("/proc/" + std::to_string(pid) + "/stat");
+  auto close = stat.rfind(')');
+  return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
+}
+
+// A tool that ignores SIGTERM and leaves a helper of its own holding its output: the limit
+// still ends the run, and the grace on the run's timer ends the rest of the tool's group.
+TEST_F(QVTaskExConcurrencyTest, ALimitEndsAToolThatIgnoresTermAndAHelperHoldingItsOutput) {
+  std::string folder = dir.path().string();
+  auto stubborn = writeScript(dir, "stubborn",
+                              "cd '" + folder +
+                                  "'\n"
+                                  "trap '' TERM\n"
+                                  "echo $$ > tool.pid.tmp && mv tool.pid.tmp tool.pid\n"
+                                  "sleep 300 &\n"
+                                  "echo $! > helper.pid.tmp && mv helper.pid.tmp helper.pid\n"
+                                  "echo partial\n"
+                                  "exec sleep 300\n");
+  platform::ManualClock clock;
+  Timer timer(clock);
+  auto run = std::async(std::launch::async, [&] {
+    return QVTaskEx::dataFromTask(stubborn, {}, QVTaskEx::TimeLimit(5), timer);
+  });
+  pid_t tool = 0;
+  pid_t helper = 0;
+  struct Cleanup { // should the limit fail, the test still ends and leaves nothing running
+    pid_t& tool;
+    pid_t& helper;
+    ~Cleanup() {
+      for (pid_t pid : {tool, helper}) {
+        if (pid > 0) {
+          ::kill(pid, SIGKILL);
+        }
+      }
+    }
+  } cleanup{tool, helper};
+  ASSERT_TRUE(testing::eventually([&] {
+    tool = std::atoi(testing::readText(dir / "tool.pid").c_str());
+    helper = std::atoi(testing::readText(dir / "helper.pid").c_str());
+    return tool > 0 && helper > 0 && timer.pending() > 0;
+  }));
+
+  clock.advance(5s);
+  timer.waitUntilIdle();
+  EXPECT_EQ(run.wait_for(300ms), std::future_status::timeout); // SIGTERM was ignored
+  EXPECT_TRUE(alive(tool));
+  clock.advance(2s);
+  timer.waitUntilIdle();
+  ASSERT_EQ(run.wait_for(20s), std::future_status::ready);
+  EXPECT_EQ(text(run.get()), "partial\n");
+  EXPECT_TRUE(testing::eventually([&] { return !alive(tool) && !alive(helper); }));
+  std::string said = log.text();
+  EXPECT_NE(said.find("Task " + stubborn + " timed out. Terminating..."), std::string::npos);
+  EXPECT_NE(said.find("Task " + stubborn + " did not end when asked to. Killed."),
+            std::string::npos);
 }
 
 TEST_F(QVTaskExConcurrencyTest, ALimitBelowOneSecondActsAtOnce) {

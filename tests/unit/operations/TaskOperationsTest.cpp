@@ -128,6 +128,18 @@ TEST_F(TaskOperationsTest, LookupAndListingFollowTheNameRulesAndSkipForeignFolde
   }
 }
 
+TEST_F(TaskOperationsTest, AWalkForApplicationsEndsOnceItsCallerHasGone) {
+  auto connected = std::make_shared<std::atomic<bool>>(true);
+  Caller caller{"10.0.0.9", 7, connected};
+  Value folder((harness.machine.root() / "Applications").string());
+  EXPECT_EQ(harness.root->invokeFrom(caller, "qvAppsInFolder:", {folder}).asArray()->size(), 5u);
+  *connected = false;
+  EXPECT_EQ(harness.root->invokeFrom(caller, "qvAppsInFolder:", {folder}), Value(plist::Array{}));
+  EXPECT_NE(harness.machine.logText().find("Stopped looking for applications in " +
+                                           *folder.asString() + ": the caller has gone."),
+            std::string::npos);
+}
+
 // An image's pixels as 8-bit RGBA, decoded by GraphicsMagick.
 plist::Data pixelsOf(const Value& image) {
   testing::TempDir scratch;

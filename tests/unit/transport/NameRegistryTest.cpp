@@ -1,6 +1,7 @@
 #include "transport/NameRegistry.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -76,6 +77,35 @@ TEST_F(NameRegistryTest, AnyNameTextMapsToItsOwnEntry) {
     auto holder = registry.lookup(name);
     ASSERT_TRUE(holder) << name;
     EXPECT_EQ(*holder->find("name"), plist::Value(name));
+  }
+}
+
+// In the shared temporary folder another user can make the registry's folder first, and would
+// then read and replace every record in it.
+TEST_F(NameRegistryTest, AFolderThatOthersOwnOrMayWriteInIsRefused) {
+  ASSERT_TRUE(registry.registerName("QVKestrinCallback", {}).ok());
+  struct stat status {};
+  ASSERT_EQ(::stat((dir.path() / "names").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0700u);
+
+  NameRegistry open{(dir.path() / "open").string()};
+  std::filesystem::create_directory(dir.path() / "open");
+  ::chmod((dir.path() / "open").c_str(), 01777);
+  auto refused = open.registerName("QVKestrinCallback", {});
+  ASSERT_FALSE(refused.ok());
+  EXPECT_NE(refused.message().find("other users may write in it"), std::string::npos);
+
+  std::filesystem::create_directory_symlink(dir.path() / "names", dir.path() / "link");
+  EXPECT_FALSE(NameRegistry((dir.path() / "link").string()).registerName("x", {}).ok());
+
+  if (::geteuid() == 0) {
+    std::filesystem::create_directory(dir.path() / "theirs", dir.path() / "names");
+    ASSERT_EQ(::chown((dir.path() / "theirs").c_str(), 65534, 65534), 0);
+    NameRegistry theirs{(dir.path() / "theirs").string()};
+    auto taken = theirs.registerName("QVKestrinCallback", {});
+    ASSERT_FALSE(taken.ok());
+    EXPECT_NE(taken.message().find("belongs to user 65534"), std::string::npos);
+    EXPECT_FALSE(theirs.lookup("QVKestrinCallback"));
   }
 }
 
