@@ -109,7 +109,7 @@ TEST_F(SystemEventsTest, AUserSwitchAwayAndBackStopsAndRestartsTheServiceAndEnds
 
 TEST_F(SystemEventsTest, SleepReleasesTheLockOnlyOnceStoppedAndEveryWakeRestarts) {
   logind->prepareForSleep(true);
-  ASSERT_TRUE(logind->waitForLocksHeld(0, 20s));
+  ASSERT_TRUE(logind->waitForLocksHeld(0, 20s)) << log();
   EXPECT_FALSE(accepting()); // the service had stopped when the lock went
   EXPECT_LT(log().find("System event: entering sleep mode..."), log().rfind("Disconnected"));
 
@@ -164,7 +164,8 @@ TEST_F(SystemEventsTest, ShutdownEndsTheAgentWithoutReconnecting) {
   logind->prepareForShutdown(true);
   auto status = agent->process().waitForExit(20s);
   ASSERT_TRUE(status.has_value());
-  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
+  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0)
+      << testing::readText(agent->output());
   EXPECT_EQ(logind->locksHeld(), 0u);
   std::string text = log();
   auto shutdown = text.find("System event: shutdown.");
