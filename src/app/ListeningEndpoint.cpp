@@ -33,6 +33,10 @@ public:
   void connectionDidInitialize(const transport::PeerInfo&) override {
     std::cerr << "initialized" << std::endl;
   }
+  void connectionRefused(const transport::PeerInfo& peer, const std::string& reason) override {
+    // The server's thread never waits for the log.
+    QVLog::fastAppendLog("Refused a connection from {}: {}", peer.address, reason);
+  }
   void serverDidDie(const std::string&) override {
     // The server's own thread cannot stop the server it runs.
     ListeningEndpoint& endpoint = endpoint_;

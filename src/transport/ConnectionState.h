@@ -13,6 +13,7 @@
 #include <kj/timer.h>
 
 #include "plist/Value.h"
+#include "transport/TransportLimits.h"
 #include "transport/remote.capnp.h"
 
 namespace kestrin {
@@ -23,14 +24,23 @@ namespace kestrin::transport {
 
 class CapabilityProxy;
 
+// What decoded values of calls in flight hold, for one connection or one server.
+struct Holdings {
+  std::size_t values = 0;
+  std::size_t bytes = 0;
+};
+
 // What one two-party connection shares between its loop thread and the threads that call its
-// proxies. The maps and the timer belong to the loop thread; other threads reach them only
-// inside executor->executeSync. alive and replyTimeout may be read anywhere.
+// proxies. The maps, the holdings and the timer belong to the loop thread; other threads reach
+// them only inside executor->executeSync. alive and replyTimeout may be read anywhere.
 struct ConnectionState : std::enable_shared_from_this<ConnectionState> {
+  // server: the holdings of every connection of the same server, or null for a client's one
+  // connection.
   ConnectionState(kj::Own<const kj::Executor> executor, kj::Timer& timer, WorkerPool& workers,
-                  plist::RemoteObject::Caller peer)
+                  plist::RemoteObject::Caller peer, const TransportLimits& limits = {},
+                  std::shared_ptr<Holdings> server = nullptr)
       : executor(kj::mv(executor)), loopThread(std::this_thread::get_id()), workers(workers),
-        peer(std::move(peer)), timer(&timer) {}
+        peer(std::move(peer)), limits(limits), timer(&timer), server(std::move(server)) {}
 
   bool onLoopThread() const { return std::this_thread::get_id() == loopThread; }
 
@@ -43,6 +53,7 @@ struct ConnectionState : std::enable_shared_from_this<ConnectionState> {
   WorkerPool& workers;
   // Who the peer is, as our objects see their callers.
   const plist::RemoteObject::Caller peer;
+  const TransportLimits limits;
 
   // ---- loop thread only
   kj::Timer* timer;
@@ -54,6 +65,10 @@ struct ConnectionState : std::enable_shared_from_this<ConnectionState> {
   std::map<const void*, std::weak_ptr<CapabilityProxy>> proxiesByHook;
   // Our objects that the peer was given, so that each is exported once per connection.
   std::map<const plist::RemoteObject*, wire::RemoteObject::Client> exports;
+  // The peer's calls to our objects that are running, and what their arguments hold.
+  std::size_t callsInFlight = 0;
+  Holdings held;
+  std::shared_ptr<Holdings> server;
 
   // Forgets everything the connection holds; on the loop thread, when it ends.
   void drop() {

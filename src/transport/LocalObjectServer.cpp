@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <cxxabi.h>
+#include <fmt/format.h>
 
 #include "foundation/WorkerPool.h"
 #include "support/NamedException.h"
@@ -85,6 +86,47 @@ template <typename Work> kj::Promise<OutcomePtr> onWorker(WorkerPool& pool, Work
   });
 }
 
+// What a running call holds against its connection and its server: taken when its arguments
+// are decoded, given back when its promise goes, which is on the loop thread.
+class CallHold {
+public:
+  CallHold(std::shared_ptr<ConnectionState> state, const Holdings& charged)
+      : state_(std::move(state)), charged_(charged) {
+    ++state_->callsInFlight;
+    state_->held.values += charged_.values;
+    state_->held.bytes += charged_.bytes;
+    if (state_->server) {
+      state_->server->values += charged_.values;
+      state_->server->bytes += charged_.bytes;
+    }
+  }
+  ~CallHold() {
+    --state_->callsInFlight;
+    state_->held.values -= charged_.values;
+    state_->held.bytes -= charged_.bytes;
+    if (state_->server) {
+      state_->server->values -= charged_.values;
+      state_->server->bytes -= charged_.bytes;
+    }
+  }
+  CallHold(const CallHold&) = delete;
+  CallHold& operator=(const CallHold&) = delete;
+
+private:
+  std::shared_ptr<ConnectionState> state_;
+  Holdings charged_;
+};
+
+// A refusal before anything runs, when the peer already has as many calls running as allowed.
+std::optional<std::string> tooManyCalls(const ConnectionState& state) {
+  if (state.callsInFlight < state.limits.callsPerConnection) {
+    return std::nullopt;
+  }
+  return fmt::format("this connection already has {} calls running; try again once one has "
+                     "ended",
+                     state.callsInFlight);
+}
+
 } // namespace
 
 std::size_t runningWorkerCount() {
@@ -96,22 +138,31 @@ kj::Promise<void> LocalObjectServer::invoke(InvokeContext context) {
   if (!state || !state->alive) {
     return KJ_EXCEPTION(DISCONNECTED, "connection closed");
   }
-  auto params = context.getParams();
-  std::string selector = params.getSelector();
-  std::vector<plist::Value> arguments;
-  arguments.reserve(params.getArguments().size());
-  try {
-    for (auto argument : params.getArguments()) {
-      arguments.push_back(decodeValue(argument, *state));
-    }
-  } catch (const NamedException& e) {
-    // Refused before the object sees anything; the caller learns why under the same name.
+  // Refused before the object sees anything, the selector included; the caller learns why
+  // under the refusal's name.
+  auto refuse = [&context](std::string_view name, const std::string& reason) {
     auto raised = context.getResults().initRaised();
-    raised.setName(e.name());
-    raised.setReason(e.what());
+    raised.setName(std::string(name));
+    raised.setReason(reason);
     return kj::READY_NOW;
+  };
+  if (auto busy = tooManyCalls(*state)) {
+    return refuse(kBusyException, *busy);
+  }
+  DecodeBudget budget = DecodeBudget::forCall(*state);
+  std::string selector;
+  std::vector<plist::Value> arguments;
+  try {
+    auto params = context.getParams();
+    auto selectorText = params.getSelector();
+    budget.charge(0, selectorText.size());
+    selector.assign(selectorText.cStr(), selectorText.size());
+    arguments = decodeValues(params.getArguments(), *state, budget);
+  } catch (const NamedException& e) {
+    return refuse(e.name(), e.what());
   }
   context.releaseParams();
+  auto hold = kj::heap<CallHold>(state, budget.used());
 
   auto work = [object = object_, caller = state->peer, selector = std::move(selector),
                arguments = std::move(arguments)]() mutable {
@@ -119,6 +170,7 @@ kj::Promise<void> LocalObjectServer::invoke(InvokeContext context) {
   };
   std::function<plist::Value()> boxed = std::move(work);
   return onWorker(state->workers, std::move(boxed))
+      .attach(kj::mv(hold))
       .then([context, weak = state_](OutcomePtr outcome) mutable {
         std::shared_ptr<ConnectionState> state = weak.lock();
         if (!state || !state->alive) {
@@ -145,13 +197,28 @@ kj::Promise<void> LocalObjectServer::respondsTo(RespondsToContext context) {
   if (!state || !state->alive) {
     return KJ_EXCEPTION(DISCONNECTED, "connection closed");
   }
-  std::string selector = context.getParams().getSelector();
+  if (auto busy = tooManyCalls(*state)) {
+    return KJ_EXCEPTION(OVERLOADED, *busy);
+  }
+  DecodeBudget budget = DecodeBudget::forCall(*state);
+  auto selectorText = context.getParams().getSelector();
+  try {
+    budget.charge(0, selectorText.size());
+  } catch (const NamedException& e) {
+    return KJ_EXCEPTION(FAILED, e.what());
+  }
+  std::string selector(selectorText.cStr(), selectorText.size());
+  context.releaseParams();
+  auto hold = kj::heap<CallHold>(state, budget.used());
   std::function<plist::Value()> work = [object = object_, selector]() {
     return plist::Value(object->respondsTo(selector));
   };
-  return onWorker(state->workers, std::move(work)).then([context](OutcomePtr outcome) mutable {
-    context.getResults().setResponds(!outcome->raised && outcome->result.asBool().value_or(false));
-  });
+  return onWorker(state->workers, std::move(work))
+      .attach(kj::mv(hold))
+      .then([context](OutcomePtr outcome) mutable {
+        context.getResults().setResponds(!outcome->raised &&
+                                         outcome->result.asBool().value_or(false));
+      });
 }
 
 } // namespace kestrin::transport

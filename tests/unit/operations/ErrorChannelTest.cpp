@@ -214,7 +214,7 @@ TEST(ExceptionGuard, LogsNamedExceptionsAnswersNeutralAndReconnectsOnlyOnTimeout
   std::vector<double> reconnects;
   ExceptionGuard guard([&] { return quitting; }, [&](double s) { reconnects.push_back(s); });
 
-  auto timeout = [] { throw NamedException(std::string(kPortTimeoutException), "late"); };
+  auto timeout = [] { throw PortTimeoutException("late"); };
   EXPECT_EQ(guard.run("-[AppController hostName]", Value("Unknown"),
                       [&]() -> Value {
                         timeout();
