@@ -24,15 +24,25 @@ namespace kestrin::transport {
 
 class CapabilityProxy;
 
-// What decoded values of calls in flight hold, for one connection or one server.
-struct Holdings {
+// An amount of decoded values: how many, and what they hold in memory.
+struct Amount {
   std::size_t values = 0;
   std::size_t bytes = 0;
 };
 
+// What the peers' calls in flight hold, for one connection or for every connection of one
+// server: taken on the loop thread when a call's arguments are decoded, given back on the
+// worker when the call's work has ended (its arguments go with it), whether or not its
+// connection still lives.
+struct Holdings {
+  std::atomic<std::size_t> calls{0};
+  std::atomic<std::size_t> values{0};
+  std::atomic<std::size_t> bytes{0};
+};
+
 // What one two-party connection shares between its loop thread and the threads that call its
-// proxies. The maps, the holdings and the timer belong to the loop thread; other threads reach
-// them only inside executor->executeSync. alive and replyTimeout may be read anywhere.
+// proxies. The maps and the timer belong to the loop thread; other threads reach them only
+// inside executor->executeSync. alive, replyTimeout and the holdings may be read anywhere.
 struct ConnectionState : std::enable_shared_from_this<ConnectionState> {
   // server: the holdings of every connection of the same server, or null for a client's one
   // connection.
@@ -40,7 +50,7 @@ struct ConnectionState : std::enable_shared_from_this<ConnectionState> {
                   plist::RemoteObject::Caller peer, const TransportLimits& limits = {},
                   std::shared_ptr<Holdings> server = nullptr)
       : executor(kj::mv(executor)), loopThread(std::this_thread::get_id()), workers(workers),
-        peer(std::move(peer)), limits(limits), timer(&timer), server(std::move(server)) {}
+        peer(std::move(peer)), limits(limits), server(std::move(server)), timer(&timer) {}
 
   bool onLoopThread() const { return std::this_thread::get_id() == loopThread; }
 
@@ -54,6 +64,10 @@ struct ConnectionState : std::enable_shared_from_this<ConnectionState> {
   // Who the peer is, as our objects see their callers.
   const plist::RemoteObject::Caller peer;
   const TransportLimits limits;
+  // The peer's calls to our objects that are running, and what their arguments hold; and the
+  // same for the server's every connection (null for a client's one connection).
+  const std::shared_ptr<Holdings> held = std::make_shared<Holdings>();
+  const std::shared_ptr<Holdings> server;
 
   // ---- loop thread only
   kj::Timer* timer;
@@ -65,10 +79,6 @@ struct ConnectionState : std::enable_shared_from_this<ConnectionState> {
   std::map<const void*, std::weak_ptr<CapabilityProxy>> proxiesByHook;
   // Our objects that the peer was given, so that each is exported once per connection.
   std::map<const plist::RemoteObject*, wire::RemoteObject::Client> exports;
-  // The peer's calls to our objects that are running, and what their arguments hold.
-  std::size_t callsInFlight = 0;
-  Holdings held;
-  std::shared_ptr<Holdings> server;
 
   // Forgets everything the connection holds; on the loop thread, when it ends.
   void drop() {

@@ -86,45 +86,53 @@ template <typename Work> kj::Promise<OutcomePtr> onWorker(WorkerPool& pool, Work
   });
 }
 
-// What a running call holds against its connection and its server: taken when its arguments
-// are decoded, given back when its promise goes, which is on the loop thread.
+// What a running call holds against its connection and its server. It travels with the call's
+// work, so it is given back when the work and its arguments are gone, even when the caller left
+// long before: a caller cannot disconnect its way past the budgets.
 class CallHold {
 public:
-  CallHold(std::shared_ptr<ConnectionState> state, const Holdings& charged)
-      : state_(std::move(state)), charged_(charged) {
-    ++state_->callsInFlight;
-    state_->held.values += charged_.values;
-    state_->held.bytes += charged_.bytes;
-    if (state_->server) {
-      state_->server->values += charged_.values;
-      state_->server->bytes += charged_.bytes;
+  CallHold(const ConnectionState& state, const Amount& charged)
+      : connection_(state.held), server_(state.server), charged_(charged) {
+    take(*connection_);
+    if (server_) {
+      take(*server_);
     }
   }
   ~CallHold() {
-    --state_->callsInFlight;
-    state_->held.values -= charged_.values;
-    state_->held.bytes -= charged_.bytes;
-    if (state_->server) {
-      state_->server->values -= charged_.values;
-      state_->server->bytes -= charged_.bytes;
+    giveBack(*connection_);
+    if (server_) {
+      giveBack(*server_);
     }
   }
   CallHold(const CallHold&) = delete;
   CallHold& operator=(const CallHold&) = delete;
 
 private:
-  std::shared_ptr<ConnectionState> state_;
-  Holdings charged_;
+  void take(Holdings& holdings) const {
+    ++holdings.calls;
+    holdings.values += charged_.values;
+    holdings.bytes += charged_.bytes;
+  }
+  void giveBack(Holdings& holdings) const {
+    --holdings.calls;
+    holdings.values -= charged_.values;
+    holdings.bytes -= charged_.bytes;
+  }
+
+  std::shared_ptr<Holdings> connection_;
+  std::shared_ptr<Holdings> server_;
+  Amount charged_;
 };
 
 // A refusal before anything runs, when the peer already has as many calls running as allowed.
 std::optional<std::string> tooManyCalls(const ConnectionState& state) {
-  if (state.callsInFlight < state.limits.callsPerConnection) {
+  std::size_t running = state.held->calls;
+  if (running < state.limits.callsPerConnection) {
     return std::nullopt;
   }
   return fmt::format("this connection already has {} calls running; try again once one has "
                      "ended",
-                     state.callsInFlight);
+                     running);
 }
 
 } // namespace
@@ -162,15 +170,14 @@ kj::Promise<void> LocalObjectServer::invoke(InvokeContext context) {
     return refuse(e.name(), e.what());
   }
   context.releaseParams();
-  auto hold = kj::heap<CallHold>(state, budget.used());
 
   auto work = [object = object_, caller = state->peer, selector = std::move(selector),
-               arguments = std::move(arguments)]() mutable {
+               arguments = std::move(arguments),
+               hold = std::make_shared<CallHold>(*state, budget.used())]() mutable {
     return object->invokeFrom(caller, selector, std::move(arguments));
   };
   std::function<plist::Value()> boxed = std::move(work);
   return onWorker(state->workers, std::move(boxed))
-      .attach(kj::mv(hold))
       .then([context, weak = state_](OutcomePtr outcome) mutable {
         std::shared_ptr<ConnectionState> state = weak.lock();
         if (!state || !state->alive) {
@@ -209,16 +216,13 @@ kj::Promise<void> LocalObjectServer::respondsTo(RespondsToContext context) {
   }
   std::string selector(selectorText.cStr(), selectorText.size());
   context.releaseParams();
-  auto hold = kj::heap<CallHold>(state, budget.used());
-  std::function<plist::Value()> work = [object = object_, selector]() {
-    return plist::Value(object->respondsTo(selector));
-  };
-  return onWorker(state->workers, std::move(work))
-      .attach(kj::mv(hold))
-      .then([context](OutcomePtr outcome) mutable {
-        context.getResults().setResponds(!outcome->raised &&
-                                         outcome->result.asBool().value_or(false));
-      });
+  std::function<plist::Value()> work =
+      [object = object_, selector, hold = std::make_shared<CallHold>(*state, budget.used())]() {
+        return plist::Value(object->respondsTo(selector));
+      };
+  return onWorker(state->workers, std::move(work)).then([context](OutcomePtr outcome) mutable {
+    context.getResults().setResponds(!outcome->raised && outcome->result.asBool().value_or(false));
+  });
 }
 
 } // namespace kestrin::transport

@@ -176,8 +176,8 @@ DecodeBudget DecodeBudget::forCall(const ConnectionState& state) {
   const TransportLimits& limits = state.limits;
   auto left = [](std::size_t limit, std::size_t held) { return limit > held ? limit - held : 0; };
   std::vector<Allowance> shared;
-  shared.push_back({{left(limits.valuesPerConnection, state.held.values),
-                     left(limits.bytesPerConnection, state.held.bytes)},
+  shared.push_back({{left(limits.valuesPerConnection, state.held->values),
+                     left(limits.bytesPerConnection, state.held->bytes)},
                     "this connection's calls in flight"});
   if (state.server) {
     shared.push_back({{std::numeric_limits<std::size_t>::max(),

@@ -35,7 +35,7 @@ void checkSendable(const std::vector<plist::Value>& values);
 // size in memory plus its text or data) before it allocates anything for it, and throws once
 // the call, or with what the connection's and the server's other calls in flight hold, would
 // pass the limits of TransportLimits: ArgumentError past a per-call limit, a NamedException
-// named kBusyException past a shared one. Loop thread only.
+// named kBusyException past a shared one.
 class DecodeBudget {
 public:
   // For a call that the peer of state makes to one of our objects.
@@ -46,11 +46,11 @@ public:
   void charge(std::size_t values, std::size_t bytes);
   // A list of count elements of elementBytes each, before any element is decoded.
   void chargeList(std::size_t count, std::size_t elementBytes);
-  const Holdings& used() const { return used_; }
+  const Amount& used() const { return used_; }
 
 private:
   struct Allowance {
-    Holdings left;
+    Amount left;
     const char* refusal; // nullptr: the call's own limit
   };
   DecodeBudget(const TransportLimits& limits, std::vector<Allowance> shared)
@@ -58,7 +58,7 @@ private:
 
   const TransportLimits& limits_;
   std::vector<Allowance> shared_;
-  Holdings used_;
+  Amount used_;
 };
 
 // Both run on the connection's loop thread. Objects are exported to or imported from the peer
