@@ -144,21 +144,24 @@ GatedMessageStream::tryReadMessage(kj::ArrayPtr<kj::AutoCloseFd>, capnp::ReaderO
         // Not zeroed: the pages cost memory only as the bytes arrive.
         auto words = kj::heapArray<capnp::word>(static_cast<std::size_t>(total));
         auto body = stream_.read(words.asBytes().begin(), bytes);
-        auto limit = limits_.messageTime.count() * kj::MILLISECONDS +
-                     static_cast<std::int64_t>(bytes / limits_.minimumBytesPerSecond) * kj::SECONDS;
-        return timer_.timeoutAfter(limit, kj::mv(body))
-            .then([words = kj::mv(words), sizes = kj::mv(sizes), count, options,
-                   ticket = kj::mv(ticket)]() mutable -> kj::Maybe<capnp::MessageReaderAndFds> {
-              auto segments = kj::heapArray<kj::ArrayPtr<const capnp::word>>(count);
-              const capnp::word* at = words.begin();
-              for (std::uint32_t i = 0; i < count; ++i) {
-                segments[i] = kj::arrayPtr(at, sizes[i]);
-                at += sizes[i];
-              }
-              GatedWords gated{kj::mv(words), kj::mv(segments), kj::mv(ticket)};
-              return capnp::MessageReaderAndFds{kj::heap<GatedReader>(kj::mv(gated), options),
-                                                nullptr};
-            });
+        if (bytes > limits_.unqueuedMessageBytes) {
+          auto limit =
+              limits_.messageTime.count() * kj::MILLISECONDS +
+              static_cast<std::int64_t>(bytes / limits_.minimumBytesPerSecond) * kj::SECONDS;
+          body = timer_.timeoutAfter(limit, kj::mv(body));
+        }
+        return body.then([words = kj::mv(words), sizes = kj::mv(sizes), count, options,
+                          ticket =
+                              kj::mv(ticket)]() mutable -> kj::Maybe<capnp::MessageReaderAndFds> {
+          auto segments = kj::heapArray<kj::ArrayPtr<const capnp::word>>(count);
+          const capnp::word* at = words.begin();
+          for (std::uint32_t i = 0; i < count; ++i) {
+            segments[i] = kj::arrayPtr(at, sizes[i]);
+            at += sizes[i];
+          }
+          GatedWords gated{kj::mv(words), kj::mv(segments), kj::mv(ticket)};
+          return capnp::MessageReaderAndFds{kj::heap<GatedReader>(kj::mv(gated), options), nullptr};
+        });
       });
     });
   });

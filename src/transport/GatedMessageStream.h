@@ -37,9 +37,9 @@ private:
 // A connection's messages, read through a ReceiveGate: each message's frame is read first, so
 // that its size is known before its bytes are, and the bytes it holds are given back only when
 // the message itself is gone (capnp keeps a call's message until its arguments are decoded).
-// A message admitted must arrive within its time (limits.messageTime, plus a second for every
-// limits.minimumBytesPerSecond), or the connection fails: a peer that trickles cannot keep
-// what it was admitted for. Writes go straight to the stream.
+// A large message admitted must arrive within its time (limits.messageTime, plus a second for
+// every limits.minimumBytesPerSecond), or the connection fails: a peer that trickles cannot
+// keep what it was admitted for. Writes go straight to the stream.
 class GatedMessageStream final : public capnp::MessageStream {
 public:
   GatedMessageStream(kj::AsyncIoStream& stream, ReceiveGate& gate, kj::Timer& timer,

@@ -175,20 +175,20 @@ void encodeValue(const plist::Value& value, wire::Value::Builder builder, Connec
 DecodeBudget DecodeBudget::forCall(const ConnectionState& state) {
   const TransportLimits& limits = state.limits;
   auto left = [](std::size_t limit, std::size_t held) { return limit > held ? limit - held : 0; };
-  std::vector<Allowance> shared;
-  shared.push_back({{left(limits.valuesPerConnection, state.held->values),
-                     left(limits.bytesPerConnection, state.held->bytes)},
-                    "this connection's calls in flight"});
+  DecodeBudget budget(limits);
+  budget.shared_[budget.sharedCount_++] = {{left(limits.valuesPerConnection, state.held->values),
+                                            left(limits.bytesPerConnection, state.held->bytes)},
+                                           "this connection's calls in flight"};
   if (state.server) {
-    shared.push_back({{std::numeric_limits<std::size_t>::max(),
-                       left(limits.bytesPerServer, state.server->bytes)},
-                      "the calls in flight of every connection"});
+    budget.shared_[budget.sharedCount_++] = {
+        {std::numeric_limits<std::size_t>::max(), left(limits.bytesPerServer, state.server->bytes)},
+        "the calls in flight of every connection"};
   }
-  return DecodeBudget(limits, std::move(shared));
+  return budget;
 }
 
 DecodeBudget DecodeBudget::forAnswer(const ConnectionState& state) {
-  return DecodeBudget(state.limits, {});
+  return DecodeBudget(state.limits);
 }
 
 void DecodeBudget::charge(std::size_t values, std::size_t bytes) {
@@ -199,7 +199,8 @@ void DecodeBudget::charge(std::size_t values, std::size_t bytes) {
                                     "and {} bytes; these were refused",
                                     limits_.valuesPerCall, limits_.bytesPerCall));
   }
-  for (const Allowance& allowance : shared_) {
+  for (std::size_t i = 0; i < sharedCount_; ++i) {
+    const Allowance& allowance = shared_[i];
     if (used_.values > allowance.left.values || used_.bytes > allowance.left.bytes) {
       throw NamedException(std::string(kBusyException),
                            fmt::format("{} already hold what the agent allows; try again once "

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <memory>
 #include <vector>
@@ -51,13 +52,14 @@ public:
 private:
   struct Allowance {
     Amount left;
-    const char* refusal; // nullptr: the call's own limit
+    const char* refusal = nullptr; // whose calls hold the rest
   };
-  DecodeBudget(const TransportLimits& limits, std::vector<Allowance> shared)
-      : limits_(limits), shared_(std::move(shared)) {}
+  explicit DecodeBudget(const TransportLimits& limits) : limits_(limits) {}
 
   const TransportLimits& limits_;
-  std::vector<Allowance> shared_;
+  // The connection's and the server's: on every call, so kept off the heap.
+  std::array<Allowance, 2> shared_{};
+  std::size_t sharedCount_ = 0;
   Amount used_;
 };
 
