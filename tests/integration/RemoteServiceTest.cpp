@@ -522,5 +522,28 @@ TEST_F(AgentNotifications, TheCallbackRelayForwardsOneNotificationOnce) {
   EXPECT_TRUE(agent->logContains("Posting callback"));
 }
 
+// Another caller's task that reports under the same name neither takes nor disarms a relay.
+TEST_F(AgentNotifications, ARelayOutlivesAnotherCallersTaskReportingUnderItsName) {
+  auto waiting = transport::RpcClient::connectTcp("127.0.0.1", port, 10s);
+  auto other = transport::RpcClient::connectTcp("127.0.0.1", port, 10s);
+  ASSERT_TRUE(waiting.ok() && other.ok());
+  std::atomic<int> posted{0};
+  auto record =
+      admin::QVCallback::callbackWithName("render", [&](admin::QVCallback&) { ++posted; });
+  (*waiting)->root()->invoke("setupCallbackListener:withName:",
+                             {Value(plist::ObjectRef(record)), Value("QVTestRenderDone")});
+  auto own = std::make_shared<RecordingObject>(std::set<std::string>{"postCallback:"});
+  (*other)->root()->invoke(
+      "authExecuteTask:bundleID:options:username:password:callback:callbackName:",
+      {Value("x"), Value("com.quorvane.Missing"), Value(), Value("admin"), Value(),
+       Value(plist::ObjectRef(own)), Value("QVTestRenderDone")});
+  EXPECT_EQ(own->calls().size(), 1u);
+  EXPECT_EQ(posted, 0);
+
+  center->post("QVTestRenderDone", {{"frames", 240}});
+  ASSERT_TRUE(eventually([&] { return posted == 1; }, 10s));
+  EXPECT_EQ(record->info(), (plist::Dictionary{{"frames", 240}}));
+}
+
 } // namespace
 } // namespace kestrin
