@@ -39,7 +39,8 @@ class ErrorChannel {
 public:
   struct Environment {
     Timer& timer;
-    // Runs the finished-task deadline's work, which calls remote objects, off the timer.
+    // Runs the finished-task deadline's work, which calls remote objects, off the timer, and
+    // serves the admins' callbacks side by side.
     WorkerPool& workers;
     const ExceptionGuard& guard;
     // The agent's name for itself, the first argument of most events.
