@@ -199,8 +199,9 @@ void BM_EventToTenCallbacks(benchmark::State& state) {
     admins.back()->root()->invoke("keep:",
                                   {plist::Value(plist::ObjectRef(std::make_shared<PingRoot>()))});
   }
+  std::uint64_t admin = 0;
   for (const auto& callback : keeper->kept) {
-    channel.setErrorCallback(callback);
+    channel.setErrorCallback(callback, ++admin);
   }
   for (auto _ : state) {
     channel.postErrorString("Render node offline");

@@ -58,7 +58,7 @@ AppController::AppController(Environment environment)
              [this](double seconds) { reconnectWithTimeInterval(seconds); }),
       errorChannel_({timer_, workers_, guard_, [this] { return hostName(); },
                      [this] { return environment_.mainLoop.isMainThread(); }}),
-      callbackRelay_(notifications_, workers_, guard_),
+      callbackRelay_(notifications_, workers_),
       credentials_(environment_.authorization, environment_.clock),
       applications_(environment_.paths, environment_.clock), icons_(bundle_),
       registry_(transport::NameRegistry::defaultDirectory()) {

@@ -34,6 +34,10 @@ public:
     std::cerr << "initialized" << std::endl;
     QVLog::appendLog("Accepted connection from {}", peer.address);
   }
+  void connectionRefused(const transport::PeerInfo& peer, const std::string& reason) override {
+    // The server's thread never waits for the log.
+    QVLog::fastAppendLog("Refused a connection from {}: {}", peer.address, reason);
+  }
   void serverDidDie(const std::string&) override {
     // The server's own thread cannot stop the server it runs.
     ListeningEndpoint& endpoint = endpoint_;

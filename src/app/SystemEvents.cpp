@@ -23,13 +23,15 @@ void SystemEvents::start() {
   auto manager = platform::LoginManager::connectSystemBus(*this);
   if (!manager) {
     QVLog::appendLog("System events are off: {}", manager.message());
-    return;
-  }
-  if (!(*manager)->loginManagerPresent()) {
+  } else if (!(*manager)->loginManagerPresent()) {
     QVLog::appendLog("System events are off until a login manager starts on the system bus.");
   }
   std::lock_guard lock(mutex_);
-  loginManager_ = std::move(*manager);
+  if (manager) {
+    loginManager_ = std::move(*manager);
+  }
+  started_ = true;
+  drainLater();
 }
 
 void SystemEvents::stop() {
@@ -73,7 +75,11 @@ void SystemEvents::queue(Event event) {
     return;
   }
   events_.push_back(event);
-  if (draining_) {
+  drainLater();
+}
+
+void SystemEvents::drainLater() {
+  if (draining_ || !started_ || events_.empty()) {
     return;
   }
   draining_ = workers_.submit([this] { drain(); });

@@ -70,9 +70,16 @@ private:
   std::unique_ptr<platform::LoginManager> loginManager_;
 
   mutable std::mutex mutex_;
+  // Submits drain() for the queued events unless one runs or start() has not finished.
+  // Under mutex_.
+  void drainLater();
+
   std::deque<Event> events_; // under mutex_
   bool draining_ = false;    // under mutex_: a worker is on drain()
   bool ended_ = false;       // under mutex_: shut down or stopped, nothing more is queued
+  // Under mutex_: start() has finished. The login manager's events can arrive while start()
+  // is still storing it, and a sleep handled then could not give its lock back.
+  bool started_ = false;
 };
 
 } // namespace kestrin

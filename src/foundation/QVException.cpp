@@ -19,8 +19,7 @@ std::string QVException::logException(const std::exception& exception, const cha
 }
 
 bool QVException::didTimeout(const std::exception& exception) {
-  const auto* named = dynamic_cast<const NamedException*>(&exception);
-  return named != nullptr && named->name() == kPortTimeoutException;
+  return dynamic_cast<const PortTimeoutException*>(&exception) != nullptr;
 }
 
 std::string QVException::name(const std::exception& exception) {

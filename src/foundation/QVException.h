@@ -14,7 +14,9 @@ public:
   // launchAsyncTask]"), the exception's name and its reason, and answers that text.
   static std::string logException(const std::exception& exception, const char* method);
 
-  // True exactly when the exception's name is "NSPortTimeoutException".
+  // True exactly when the exception is the transport's own reply time-out
+  // (PortTimeoutException). A peer's exception that merely bears the name
+  // "NSPortTimeoutException" is not one, so no caller can make the agent restart its service.
   static bool didTimeout(const std::exception& exception);
 
   // A NamedException's name; for any other exception its demangled type ("std::bad_alloc"),

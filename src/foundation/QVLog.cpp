@@ -428,6 +428,88 @@ std::string QVLog::appName() const {
   return impl_->effectiveNameLocked();
 }
 
+namespace {
+
+// The length of the UTF-8 sequence that starts text at i, or 0 when it is not a valid one.
+std::size_t utf8Length(std::string_view text, std::size_t i) {
+  auto c = static_cast<unsigned char>(text[i]);
+  std::size_t length = c < 0x80           ? 1
+                       : (c >> 5) == 0x6  ? 2
+                       : (c >> 4) == 0xE  ? 3
+                       : (c >> 3) == 0x1E ? 4
+                                          : 0;
+  if (length == 0 || i + length > text.size() || (length == 2 && c < 0xC2)) {
+    return 0;
+  }
+  for (std::size_t k = 1; k < length; ++k) {
+    if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) {
+      return 0;
+    }
+  }
+  return length;
+}
+
+// The code point of a valid sequence.
+std::uint32_t codePoint(std::string_view text, std::size_t i, std::size_t length) {
+  static constexpr unsigned char kLeadMask[] = {0, 0x7F, 0x1F, 0x0F, 0x07};
+  std::uint32_t point = static_cast<unsigned char>(text[i]) & kLeadMask[length];
+  for (std::size_t k = 1; k < length; ++k) {
+    point = (point << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
+  }
+  return point;
+}
+
+bool startsALineOrControls(std::uint32_t point) {
+  return point < 0x20 || (point >= 0x7F && point <= 0x9F) || point == 0x2028 || point == 0x2029;
+}
+
+} // namespace
+
+bool QVLog::needsEscaping(std::string_view text) {
+  for (std::size_t i = 0; i < text.size();) {
+    auto c = static_cast<unsigned char>(text[i]);
+    if (c >= 0x20 && c < 0x7F) {
+      ++i;
+      continue;
+    }
+    std::size_t length = utf8Length(text, i);
+    if (length == 0 || startsALineOrControls(codePoint(text, i, length))) {
+      return true;
+    }
+    i += length;
+  }
+  return false;
+}
+
+std::string QVLog::escaped(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size();) {
+    std::size_t length = utf8Length(text, i);
+    if (length == 0) {
+      out += fmt::format("\\x{:02x}", static_cast<unsigned char>(text[i]));
+      ++i;
+      continue;
+    }
+    std::uint32_t point = codePoint(text, i, length);
+    if (!startsALineOrControls(point)) {
+      out.append(text.substr(i, length));
+    } else if (point == '\n') {
+      out += "\\n";
+    } else if (point == '\r') {
+      out += "\\r";
+    } else if (point == '\t') {
+      out += "\\t";
+    } else if (point < 0x80) {
+      out += fmt::format("\\x{:02x}", point);
+    } else {
+      out += fmt::format("\\u{:04x}", point);
+    }
+    i += length;
+  }
+  return out;
+}
+
 void QVLog::writeConsole(std::string_view line) {
   // One write per line: lines from several threads come out whole, never interleaved.
   std::string text(line);

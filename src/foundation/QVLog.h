@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -22,6 +23,11 @@ class QVSysInfo;
 //
 // Any thread may log. Short lines from worker threads are on disk when the call returns, so a
 // log read right afterwards (by the administration application) contains them.
+//
+// The format of a line is code; its arguments are data, often a remote caller's. Every text
+// argument is written escaped (see escaped()), so that no argument can start a line of its own
+// or send a terminal a control sequence: the class-level calls below do it, so no call site
+// can forget it.
 class QVLog {
 public:
   // Where files go and what the header says. configFromEnvironment() fills it for this process.
@@ -97,15 +103,15 @@ public:
   }
   template <typename... Args>
   static void appendLog(fmt::format_string<Args...> format, Args&&... args) {
-    sharedController().log(fmt::format(format, std::forward<Args>(args)...));
+    sharedController().log(line(fmt::string_view(format), args...));
   }
   template <typename... Args>
   static void fastAppendLog(fmt::format_string<Args...> format, Args&&... args) {
-    sharedController().logFast(fmt::format(format, std::forward<Args>(args)...));
+    sharedController().logFast(line(fmt::string_view(format), args...));
   }
   template <typename... Args>
   static void appendLogAndPrint(fmt::format_string<Args...> format, Args&&... args) {
-    sharedController().logAndPrint(fmt::format(format, std::forward<Args>(args)...));
+    sharedController().logAndPrint(line(fmt::string_view(format), args...));
   }
   static void finishWriting() { sharedController().flush(); }
   static std::vector<std::string> availableLogs() { return sharedController().logs(); }
@@ -114,13 +120,53 @@ public:
   // the agent's own log: set-up progress, failures of the log itself, system-directory refusals.
   template <typename... Args>
   static void console(fmt::format_string<Args...> format, Args&&... args) {
-    writeConsole(fmt::format(format, std::forward<Args>(args)...));
+    writeConsole(line(fmt::string_view(format), args...));
   }
   static void writeConsole(std::string_view line);
 
+  // Text fit for one log line: line breaks, tabs and other control characters (C0, DEL, C1),
+  // the Unicode line and paragraph separators, and bytes that are not UTF-8 come out as
+  // "\n", "\r", "\t", "\xNN" or "\uNNNN". Backslashes stay as they are, so text escaped once
+  // (as QVFileManager escapes paths) comes out unchanged.
+  static std::string escaped(std::string_view text);
+  // Whether escaped() would change the text.
+  static bool needsEscaping(std::string_view text);
+
+  // A text argument on its way into a line; formats as its escaped form.
+  struct Argument {
+    std::string_view text;
+  };
+
 private:
+  // The line that a format, checked where it was written, and its arguments make, every text
+  // argument escaped.
+  template <typename... Args>
+  static std::string line(fmt::string_view format, const Args&... args) {
+    return formatted(format, logged(args)...);
+  }
+  template <typename T> static decltype(auto) logged(const T& argument) {
+    if constexpr (std::is_convertible_v<const T&, std::string_view>) {
+      return Argument{std::string_view(argument)};
+    } else {
+      return (argument);
+    }
+  }
+  template <typename... Args>
+  static std::string formatted(fmt::string_view format, const Args&... args) {
+    return fmt::vformat(format, fmt::make_format_args(args...));
+  }
+
   class Impl;
   std::unique_ptr<Impl> impl_;
 };
 
 } // namespace kestrin
+
+template <> struct fmt::formatter<kestrin::QVLog::Argument> : fmt::formatter<std::string_view> {
+  template <typename Context> auto format(const kestrin::QVLog::Argument& argument, Context& ctx) {
+    if (!kestrin::QVLog::needsEscaping(argument.text)) {
+      return fmt::formatter<std::string_view>::format(argument.text, ctx);
+    }
+    return fmt::formatter<std::string_view>::format(kestrin::QVLog::escaped(argument.text), ctx);
+  }
+};

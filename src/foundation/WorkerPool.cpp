@@ -1,5 +1,7 @@
 #include "foundation/WorkerPool.h"
 
+#include <exception>
+#include <memory>
 #include <system_error>
 
 namespace kestrin {
@@ -76,6 +78,58 @@ void WorkerPool::joinFinishedLocked(std::unique_lock<std::mutex>& lock) {
     thread.join();
   }
   lock.lock();
+}
+
+void WorkerPool::runAll(std::vector<std::function<void()>> jobs) {
+  struct Shared {
+    std::mutex mutex;
+    std::condition_variable ended;
+    std::vector<std::function<void()>> jobs;
+    std::vector<bool> claimed;
+    std::size_t running = 0;
+    std::exception_ptr failure;
+  };
+  auto shared = std::make_shared<Shared>();
+  shared->jobs = std::move(jobs);
+  shared->claimed.assign(shared->jobs.size(), false);
+  shared->running = shared->jobs.size();
+  // Whoever claims a job first runs it; the other finds it claimed and passes.
+  auto runOne = [](Shared& s, std::size_t i) {
+    std::function<void()> job;
+    {
+      std::lock_guard lock(s.mutex);
+      if (s.claimed[i]) {
+        return;
+      }
+      s.claimed[i] = true;
+      job = std::move(s.jobs[i]);
+    }
+    std::exception_ptr failure;
+    try {
+      job();
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    job = nullptr;
+    std::lock_guard lock(s.mutex);
+    if (failure && !s.failure) {
+      s.failure = failure;
+    }
+    if (--s.running == 0) {
+      s.ended.notify_all();
+    }
+  };
+  for (std::size_t i = 1; i < shared->jobs.size(); ++i) {
+    submit([shared, i, runOne] { runOne(*shared, i); });
+  }
+  for (std::size_t i = 0; i < shared->jobs.size(); ++i) {
+    runOne(*shared, i);
+  }
+  std::unique_lock lock(shared->mutex);
+  shared->ended.wait(lock, [&] { return shared->running == 0; });
+  if (shared->failure) {
+    std::rethrow_exception(shared->failure);
+  }
 }
 
 std::size_t WorkerPool::threadCount() const {

@@ -8,6 +8,7 @@
 #include <list>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 namespace kestrin {
 
@@ -35,6 +36,12 @@ public:
 
   // Queues the task. Answers false (and drops it) once the pool is stopping.
   bool submit(std::function<void()> task);
+
+  // Runs every job at once and returns when all have ended. The calling thread runs the first
+  // job and then every job that no worker has started by then, so it never waits for a job
+  // queued behind busy workers: a full pool costs parallelism, never a deadlock. The first
+  // exception a job throws is rethrown once all have ended.
+  void runAll(std::vector<std::function<void()>> jobs);
 
   // Threads that exist now, busy or idle.
   std::size_t threadCount() const;

@@ -1,16 +1,15 @@
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <string>
-#include <utility>
 
 #include "foundation/NotificationHub.h"
 #include "operations/OperationTable.h"
 #include "plist/Value.h"
 
 namespace kestrin {
-class ExceptionGuard;
 class WorkerPool;
 } // namespace kestrin
 
@@ -21,12 +20,19 @@ namespace kestrin::operations {
 // record's postCallback: the user information, once.
 //
 // Each connection has its own relay: arming a second one from the same connection replaces the
-// first record (the first name stays observed), while a relay armed by one connection is never
-// replaced or fired by another, so no caller can receive what another caller started.
+// first record, while a relay armed by one connection is never replaced, fired or disarmed by
+// another, so no caller can receive or stall what another caller started. A name is observed
+// only while some relay waits for it, and one peer address keeps at most kRelaysPerAddress
+// relays (its oldest goes first), so relays of connections long gone cannot pile up.
+//
+// A record belongs to its caller: when it fails or misses its reply time limit, that is logged
+// and costs nobody else anything (it never restarts the service).
 class CallbackRelay {
 public:
-  CallbackRelay(NotificationHub& notifications, WorkerPool& workers, const ExceptionGuard& guard)
-      : notifications_(notifications), workers_(workers), guard_(guard) {}
+  static constexpr std::size_t kRelaysPerAddress = 16;
+
+  CallbackRelay(NotificationHub& notifications, WorkerPool& workers)
+      : notifications_(notifications), workers_(workers) {}
   ~CallbackRelay();
   CallbackRelay(const CallbackRelay&) = delete;
   CallbackRelay& operator=(const CallbackRelay&) = delete;
@@ -38,16 +44,26 @@ public:
                        const plist::Dictionary& userInfo);
 
 private:
+  struct Relay {
+    plist::ObjectRef record;
+    std::string name;
+    std::string address;
+    std::uint64_t armed = 0; // order of arming, oldest first
+  };
+
   // A notification of an observed name: fires every relay armed for it.
   void notified(const std::string& name, const plist::Dictionary& userInfo);
   void post(const plist::ObjectRef& callback, const plist::Dictionary& userInfo);
+  // Stops observing name when no relay waits for it any more; the observation is handed back
+  // to be dropped outside the lock.
+  NotificationHub::Observation unobserveIfUnusedLocked(const std::string& name);
+  void observeLocked(const std::string& name);
 
   NotificationHub& notifications_;
   WorkerPool& workers_;
-  const ExceptionGuard& guard_;
   std::mutex mutex_;
-  // By connection: the armed record and the name it was armed for.
-  std::map<std::uint64_t, std::pair<plist::ObjectRef, std::string>> relays_;
+  std::map<std::uint64_t, Relay> relays_; // by connection
+  std::uint64_t armedCount_ = 0;
   std::map<std::string, NotificationHub::Observation> observed_; // by name
 };
 

@@ -19,60 +19,111 @@ bool contains(const std::vector<plist::ObjectRef>& list, const plist::ObjectRef&
   return std::find(list.begin(), list.end(), object) != list.end();
 }
 
+// What the dead collect while callbacks are served side by side.
+class DeadList {
+public:
+  void add(const plist::ObjectRef& object) {
+    std::lock_guard lock(mutex_);
+    dead_.push_back(object);
+  }
+  std::vector<plist::ObjectRef> take() {
+    std::lock_guard lock(mutex_);
+    return std::move(dead_);
+  }
+
+private:
+  std::mutex mutex_;
+  std::vector<plist::ObjectRef> dead_;
+};
+
 } // namespace
 
 ErrorChannel::ErrorChannel(Environment environment)
-    : environment_(std::move(environment)),
-      callbacks_(std::make_shared<const std::vector<plist::ObjectRef>>()) {}
+    : environment_(std::move(environment)), callbacks_(std::make_shared<const Callbacks>()) {}
 
 ErrorChannel::~ErrorChannel() {
   invalidateTaskFinishTimeoutTimer();
 }
 
-std::vector<plist::ObjectRef> ErrorChannel::errorCallbacks() const {
-  std::lock_guard lock(callbacksMutex_);
-  return *callbacks_;
+bool ErrorChannel::isEventSelector(std::string_view selector) {
+  static constexpr std::string_view kEvents[] = {"addErrorToQueue:hostname:",
+                                                 "addErrorToQueue:userInfo:",
+                                                 "addStringToQueue:hostname:",
+                                                 "addStringToQueue:userInfo:",
+                                                 "addExceptionToQueue:hostname:",
+                                                 "incrementProgress",
+                                                 "taskFinished",
+                                                 "updateConfig:",
+                                                 "willDisconnect:",
+                                                 "setSoftwareUpdateCount:hostname:",
+                                                 "tovellAddLogs:hostName:",
+                                                 "requestMaintenance:",
+                                                 "cancelMaintenance:",
+                                                 "forceConfigReload:",
+                                                 "ping",
+                                                 "cancelProcessing"};
+  return std::find(std::begin(kEvents), std::end(kEvents), selector) != std::end(kEvents);
 }
 
-void ErrorChannel::replaceCallbacksWithout(const std::vector<plist::ObjectRef>& snapshot,
+std::shared_ptr<const ErrorChannel::Callbacks> ErrorChannel::snapshot() const {
+  std::lock_guard lock(callbacksMutex_);
+  return callbacks_;
+}
+
+std::vector<plist::ObjectRef> ErrorChannel::errorCallbacks() const {
+  std::vector<plist::ObjectRef> objects;
+  for (const Registered& callback : *snapshot()) {
+    objects.push_back(callback.object);
+  }
+  return objects;
+}
+
+void ErrorChannel::replaceCallbacksWithout(const Callbacks& snapshot,
                                            const std::vector<plist::ObjectRef>& dead) {
-  auto kept = std::make_shared<std::vector<plist::ObjectRef>>();
-  for (const plist::ObjectRef& object : snapshot) {
-    if (!contains(dead, object)) {
-      kept->push_back(object);
+  auto kept = std::make_shared<Callbacks>();
+  for (const Registered& callback : snapshot) {
+    if (!contains(dead, callback.object)) {
+      kept->push_back(callback);
     }
   }
   std::lock_guard lock(callbacksMutex_);
   callbacks_ = std::move(kept);
 }
 
-void ErrorChannel::setErrorCallback(const plist::ObjectRef& callback) {
-  // Pinging can take as long as a peer takes to answer, so it runs on a snapshot; a callback
-  // registered meanwhile by another admin may be lost when a dead one is pruned (last writer
-  // wins, as the list has always behaved).
-  std::vector<plist::ObjectRef> snapshot = errorCallbacks();
-  std::vector<plist::ObjectRef> dead;
-  for (const plist::ObjectRef& object : snapshot) {
-    try {
-      if (object->respondsTo("ping")) {
-        object->invoke("ping", {});
-      } else {
-        dead.push_back(object);
+void ErrorChannel::setErrorCallback(const plist::ObjectRef& callback, std::uint64_t owner) {
+  // Pinging can take as long as a peer takes to answer (up to its reply limit), so it runs on
+  // a snapshot, every callback at once; a callback registered meanwhile by another admin may be
+  // lost when a dead one is pruned (last writer wins, as the list has always behaved).
+  std::shared_ptr<const Callbacks> registered = snapshot();
+  DeadList dead;
+  std::vector<std::function<void()>> pings;
+  for (const Registered& each : *registered) {
+    pings.push_back([&dead, object = each.object] {
+      try {
+        if (object->respondsTo("ping")) {
+          object->invoke("ping", {});
+        } else {
+          dead.add(object);
+        }
+      } catch (const NamedException&) {
+        dead.add(object);
       }
-    } catch (const NamedException&) {
-      dead.push_back(object);
-    }
+    });
   }
-  if (!dead.empty()) {
-    replaceCallbacksWithout(snapshot, dead);
+  environment_.workers.runAll(std::move(pings));
+  std::vector<plist::ObjectRef> gone = dead.take();
+  if (!gone.empty()) {
+    replaceCallbacksWithout(*registered, gone);
   }
   if (!callback) {
     return;
   }
   std::lock_guard lock(callbacksMutex_);
-  if (!contains(*callbacks_, callback)) {
-    auto grown = std::make_shared<std::vector<plist::ObjectRef>>(*callbacks_);
-    grown->push_back(callback);
+  bool known = std::any_of(callbacks_->begin(), callbacks_->end(),
+                           [&](const Registered& each) { return each.object == callback; });
+  if (!known) {
+    auto grown = std::make_shared<Callbacks>(*callbacks_);
+    grown->push_back({callback, owner});
     callbacks_ = std::move(grown);
   }
 }
@@ -88,21 +139,42 @@ void ErrorChannel::performErrorCallbackSelector(const std::string& selector,
   if (count >= 2) {
     arguments.push_back(second);
   }
-  std::vector<plist::ObjectRef> snapshot = errorCallbacks();
-  std::vector<plist::ObjectRef> dead;
-  for (const plist::ObjectRef& object : snapshot) {
-    try {
-      if (!object->respondsTo(selector)) {
-        QVLog::appendLog("Error: error callback object does not respond to selector {}.", selector);
-        return;
-      }
-      object->invoke(selector, arguments);
-    } catch (const NamedException&) {
-      dead.push_back(object);
+  std::shared_ptr<const Callbacks> registered = snapshot();
+  // One run per admin, in order of each admin's first registration; within it, that admin's
+  // callbacks in their order.
+  std::vector<std::vector<plist::ObjectRef>> byOwner;
+  std::vector<std::uint64_t> owners;
+  for (const Registered& each : *registered) {
+    auto at = std::find(owners.begin(), owners.end(), each.owner);
+    if (at == owners.end()) {
+      owners.push_back(each.owner);
+      byOwner.emplace_back();
+      at = owners.end() - 1;
     }
+    byOwner[static_cast<std::size_t>(at - owners.begin())].push_back(each.object);
   }
-  if (!dead.empty()) {
-    replaceCallbacksWithout(snapshot, dead);
+  DeadList dead;
+  std::vector<std::function<void()>> runs;
+  for (const auto& objects : byOwner) {
+    runs.push_back([&, &objects = objects] {
+      for (const plist::ObjectRef& object : objects) {
+        try {
+          if (!object->respondsTo(selector)) {
+            QVLog::appendLog("Error: error callback object does not respond to selector {}.",
+                             selector);
+            return;
+          }
+          object->invoke(selector, arguments);
+        } catch (const NamedException&) {
+          dead.add(object);
+        }
+      }
+    });
+  }
+  environment_.workers.runAll(std::move(runs));
+  std::vector<plist::ObjectRef> gone = dead.take();
+  if (!gone.empty()) {
+    replaceCallbacksWithout(*registered, gone);
   }
 }
 

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "foundation/Timer.h"
@@ -24,10 +25,13 @@ namespace kestrin::operations {
 // register, the events sent to all of them, the finished-task deadline, the fan-out and join
 // of worker threads, and the handlers of the local tools' notifications.
 //
-// Every event goes to every registered callback in registration order. A callback whose call
-// fails with a named exception (its connection is gone) is dropped; a callback that lacks the
-// selector ends the delivery of that event (the event is lost for the rest), which the admin
-// side avoids by implementing every selector.
+// Every event goes to every registered callback, and returns once each has taken it or failed.
+// The callbacks of different admins (connections) are served side by side, so one that is slow
+// or hung holds up no other admin; an admin's own callbacks are served in registration order.
+// A callback whose call fails with a named exception (its connection is gone, or it missed its
+// reply time limit) is dropped. A callback that lacks the selector ends the delivery of that
+// event for the callbacks its own admin registered after it (the admin side avoids this by
+// implementing every selector); another admin's callbacks still receive it.
 //
 // Thread-safe: the callback list and the result dictionary are replaced whole under a mutex
 // and read as snapshots, so no call to a remote object happens under a lock.
@@ -35,7 +39,8 @@ class ErrorChannel {
 public:
   struct Environment {
     Timer& timer;
-    // Runs the finished-task deadline's work, which calls remote objects, off the timer.
+    // Runs the finished-task deadline's work, which calls remote objects, off the timer, and
+    // serves the admins' callbacks side by side.
     WorkerPool& workers;
     const ExceptionGuard& guard;
     // The agent's name for itself, the first argument of most events.
@@ -52,11 +57,14 @@ public:
   ErrorChannel& operator=(const ErrorChannel&) = delete;
 
   // ---- callbacks
-  void setErrorCallback(const plist::ObjectRef& callback);
+  // owner: the connection that registered the callback (0: the agent itself).
+  void setErrorCallback(const plist::ObjectRef& callback, std::uint64_t owner = 0);
   // Sends selector to every callback with as many of the two objects as it has colons.
   void performErrorCallbackSelector(const std::string& selector, const plist::Value& first = {},
                                     const plist::Value& second = {});
   std::vector<plist::ObjectRef> errorCallbacks() const;
+  // The selectors of the admin side's callback objects, the events this channel sends.
+  static bool isEventSelector(std::string_view selector);
 
   // ---- events
   void postError(const plist::ErrorRecord& error);
@@ -97,13 +105,20 @@ public:
   void taskError(const plist::Dictionary& userInfo);
 
 private:
-  void replaceCallbacksWithout(const std::vector<plist::ObjectRef>& snapshot,
+  struct Registered {
+    plist::ObjectRef object;
+    std::uint64_t owner = 0;
+  };
+  using Callbacks = std::vector<Registered>;
+
+  std::shared_ptr<const Callbacks> snapshot() const;
+  void replaceCallbacksWithout(const Callbacks& snapshot,
                                const std::vector<plist::ObjectRef>& dead);
 
   Environment environment_;
 
   mutable std::mutex callbacksMutex_;
-  std::shared_ptr<const std::vector<plist::ObjectRef>> callbacks_;
+  std::shared_ptr<const Callbacks> callbacks_; // in registration order
 
   std::atomic<bool> shouldPostFinishedTask_{false};
   std::mutex timerMutex_;

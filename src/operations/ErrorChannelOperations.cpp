@@ -1,5 +1,9 @@
 #include "operations/ErrorChannelOperations.h"
 
+#include <fmt/format.h>
+
+#include "support/NamedException.h"
+
 namespace kestrin::operations {
 
 void ErrorChannelOperations::registerIn(OperationTable& table) {
@@ -7,16 +11,23 @@ void ErrorChannelOperations::registerIn(OperationTable& table) {
   using plist::ObjectRef;
   using plist::Value;
   ErrorChannel& c = channel_;
-  table.add("setErrorCallback:", [&c](ObjectRef callback) { c.setErrorCallback(callback); });
+  table.add("setErrorCallback:", [&c](const Caller& caller, ObjectRef callback) {
+    c.setErrorCallback(callback, caller.connection);
+  });
   table.add("setupCallbackListener:withName:",
             [this](const Caller& caller, ObjectRef callback, std::string name) {
               relay_.setupCallbackListener(caller, callback, name);
             });
   table.add("cancelProcessing", [&c] { c.cancelProcessing(); });
-  table.add("performErrorCallbackSelector:withObject:withObject:",
-            [&c](std::string selector, Value first, Value second) {
-              c.performErrorCallbackSelector(selector, first, second);
-            });
+  // A caller may broadcast the admin side's events and nothing else: any other selector would
+  // reach every admin's callback object as though this agent had sent it.
+  table.add("performErrorCallbackSelector:withObject:withObject:", [&c](std::string selector,
+                                                                        Value first, Value second) {
+    if (!ErrorChannel::isEventSelector(selector)) {
+      throw ArgumentError(fmt::format("{} is not an event that callers may broadcast", selector));
+    }
+    c.performErrorCallbackSelector(selector, first, second);
+  });
   table.add("postError:", [&c](ErrorRecord error) { c.postError(error); });
   table.add("postError:userInfo:",
             [&c](ErrorRecord error, Value userInfo) { c.postError(error, userInfo); });

@@ -44,6 +44,9 @@ template <typename Func> void onLoop(ConnectionState& state, Func&& func) {
     if (e.getType() == kj::Exception::Type::DISCONNECTED || !state.alive) {
       throwGone();
     }
+    if (e.getType() == kj::Exception::Type::OVERLOADED) {
+      throw NamedException(std::string(kBusyException), std::string(e.getDescription().cStr()));
+    }
     throw NamedException(kReceiveException, std::string(e.getDescription().cStr()));
   }
 }
@@ -120,7 +123,8 @@ plist::Value CapabilityProxy::invoke(const std::string& selector,
     }
     auto answered = request.send().then([&](capnp::Response<wire::RemoteObject::InvokeResults> r) {
       try {
-        result = decodeValue(r.getResult(), state);
+        DecodeBudget budget = DecodeBudget::forAnswer(state);
+        result = decodeValue(r.getResult(), state, budget);
       } catch (const NamedException& e) {
         raised.emplace(e.name(), e.what());
         return;
@@ -132,8 +136,7 @@ plist::Value CapabilityProxy::invoke(const std::string& selector,
     return withReplyLimit(state, kj::mv(answered), timedOut);
   });
   if (timedOut) {
-    throw NamedException(std::string(kPortTimeoutException),
-                         fmt::format("no reply to {} within the time limit", selector));
+    throw PortTimeoutException(fmt::format("no reply to {} within the time limit", selector));
   }
   if (raised) {
     throw NamedException(raised->first, raised->second);
@@ -167,8 +170,8 @@ bool CapabilityProxy::respondsTo(const std::string& selector) {
     return withReplyLimit(state, kj::mv(answered), timedOut);
   });
   if (timedOut) {
-    throw NamedException(std::string(kPortTimeoutException),
-                         fmt::format("no reply to respondsTo {} within the time limit", selector));
+    throw PortTimeoutException(
+        fmt::format("no reply to respondsTo {} within the time limit", selector));
   }
   std::lock_guard lock(respondsMutex_);
   responds_[selector] = responds;

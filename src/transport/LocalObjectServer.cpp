@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <cxxabi.h>
+#include <fmt/format.h>
 
 #include "foundation/WorkerPool.h"
 #include "support/NamedException.h"
@@ -85,6 +86,55 @@ template <typename Work> kj::Promise<OutcomePtr> onWorker(WorkerPool& pool, Work
   });
 }
 
+// What a running call holds against its connection and its server. It travels with the call's
+// work, so it is given back when the work and its arguments are gone, even when the caller left
+// long before: a caller cannot disconnect its way past the budgets.
+class CallHold {
+public:
+  CallHold(const ConnectionState& state, const Amount& charged)
+      : connection_(state.held), server_(state.server), charged_(charged) {
+    take(*connection_);
+    if (server_) {
+      take(*server_);
+    }
+  }
+  ~CallHold() {
+    giveBack(*connection_);
+    if (server_) {
+      giveBack(*server_);
+    }
+  }
+  CallHold(const CallHold&) = delete;
+  CallHold& operator=(const CallHold&) = delete;
+
+private:
+  void take(Holdings& holdings) const {
+    ++holdings.calls;
+    holdings.values += charged_.values;
+    holdings.bytes += charged_.bytes;
+  }
+  void giveBack(Holdings& holdings) const {
+    --holdings.calls;
+    holdings.values -= charged_.values;
+    holdings.bytes -= charged_.bytes;
+  }
+
+  std::shared_ptr<Holdings> connection_;
+  std::shared_ptr<Holdings> server_;
+  Amount charged_;
+};
+
+// A refusal before anything runs, when the peer already has as many calls running as allowed.
+std::optional<std::string> tooManyCalls(const ConnectionState& state) {
+  std::size_t running = state.held->calls;
+  if (running < state.limits.callsPerConnection) {
+    return std::nullopt;
+  }
+  return fmt::format("this connection already has {} calls running; try again once one has "
+                     "ended",
+                     running);
+}
+
 } // namespace
 
 std::size_t runningWorkerCount() {
@@ -96,25 +146,34 @@ kj::Promise<void> LocalObjectServer::invoke(InvokeContext context) {
   if (!state || !state->alive) {
     return KJ_EXCEPTION(DISCONNECTED, "connection closed");
   }
-  auto params = context.getParams();
-  std::string selector = params.getSelector();
-  std::vector<plist::Value> arguments;
-  arguments.reserve(params.getArguments().size());
-  try {
-    for (auto argument : params.getArguments()) {
-      arguments.push_back(decodeValue(argument, *state));
-    }
-  } catch (const NamedException& e) {
-    // Refused before the object sees anything; the caller learns why under the same name.
+  // Refused before the object sees anything, the selector included; the caller learns why
+  // under the refusal's name.
+  auto refuse = [&context](std::string_view name, const std::string& reason) {
     auto raised = context.getResults().initRaised();
-    raised.setName(e.name());
-    raised.setReason(e.what());
+    raised.setName(std::string(name));
+    raised.setReason(reason);
     return kj::READY_NOW;
+  };
+  if (auto busy = tooManyCalls(*state)) {
+    return refuse(kBusyException, *busy);
+  }
+  DecodeBudget budget = DecodeBudget::forCall(*state);
+  std::string selector;
+  std::vector<plist::Value> arguments;
+  try {
+    auto params = context.getParams();
+    auto selectorText = params.getSelector();
+    budget.charge(0, selectorText.size());
+    selector.assign(selectorText.cStr(), selectorText.size());
+    arguments = decodeValues(params.getArguments(), *state, budget);
+  } catch (const NamedException& e) {
+    return refuse(e.name(), e.what());
   }
   context.releaseParams();
 
   auto work = [object = object_, caller = state->peer, selector = std::move(selector),
-               arguments = std::move(arguments)]() mutable {
+               arguments = std::move(arguments),
+               hold = std::make_shared<CallHold>(*state, budget.used())]() mutable {
     return object->invokeFrom(caller, selector, std::move(arguments));
   };
   std::function<plist::Value()> boxed = std::move(work);
@@ -145,10 +204,22 @@ kj::Promise<void> LocalObjectServer::respondsTo(RespondsToContext context) {
   if (!state || !state->alive) {
     return KJ_EXCEPTION(DISCONNECTED, "connection closed");
   }
-  std::string selector = context.getParams().getSelector();
-  std::function<plist::Value()> work = [object = object_, selector]() {
-    return plist::Value(object->respondsTo(selector));
-  };
+  if (auto busy = tooManyCalls(*state)) {
+    return KJ_EXCEPTION(OVERLOADED, *busy);
+  }
+  DecodeBudget budget = DecodeBudget::forCall(*state);
+  auto selectorText = context.getParams().getSelector();
+  try {
+    budget.charge(0, selectorText.size());
+  } catch (const NamedException& e) {
+    return KJ_EXCEPTION(FAILED, e.what());
+  }
+  std::string selector(selectorText.cStr(), selectorText.size());
+  context.releaseParams();
+  std::function<plist::Value()> work =
+      [object = object_, selector, hold = std::make_shared<CallHold>(*state, budget.used())]() {
+        return plist::Value(object->respondsTo(selector));
+      };
   return onWorker(state->workers, std::move(work)).then([context](OutcomePtr outcome) mutable {
     context.getResults().setResponds(!outcome->raised && outcome->result.asBool().value_or(false));
   });

@@ -29,7 +29,7 @@ public:
   // Runs on the connection's thread once the connection has ended (never after the client is
   // destroyed): keep it short.
   void setDisconnectHandler(std::function<void()> handler);
-  // A call that waits longer for its answer throws kPortTimeoutException. Zero: no limit.
+  // A call that waits longer for its answer throws PortTimeoutException. Zero: no limit.
   void setReplyTimeout(std::chrono::milliseconds timeout);
 
 private:

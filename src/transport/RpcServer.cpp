@@ -4,6 +4,7 @@
 #include <future>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include <arpa/inet.h>
@@ -12,9 +13,11 @@
 #include <sys/un.h>
 
 #include <capnp/rpc-twoparty.h>
+#include <fmt/format.h>
 #include <kj/async-io.h>
 
 #include "transport/ConnectionState.h"
+#include "transport/GatedMessageStream.h"
 #include "transport/LocalObjectServer.h"
 #include "transport/ValueCodec.h"
 
@@ -57,18 +60,20 @@ PeerInfo peerOf(kj::AsyncIoStream& stream) {
 }
 
 // One accepted connection. Members are destroyed bottom-up: the RPC system before the network
-// before the stream it reads.
+// before the messages it reads before the stream they come from.
 struct ServerConnection {
   ServerConnection(kj::Own<kj::AsyncIoStream> s, std::shared_ptr<ConnectionState> st,
-                   const plist::ObjectRef& root)
+                   const plist::ObjectRef& root, ReceiveGate& gate)
       : stream(kj::mv(s)), state(std::move(st)),
-        network(*stream, capnp::rpc::twoparty::Side::SERVER, connectionReaderOptions()),
+        messages(*stream, gate, *state->timer, state->limits),
+        network(messages, capnp::rpc::twoparty::Side::SERVER, connectionReaderOptions()),
         rpcSystem(capnp::makeRpcServer(
             network, wire::RemoteObject::Client(kj::heap<LocalObjectServer>(root, state)))) {}
   ~ServerConnection() { state->drop(); }
 
   kj::Own<kj::AsyncIoStream> stream;
   std::shared_ptr<ConnectionState> state;
+  GatedMessageStream messages;
   capnp::TwoPartyVatNetwork network;
   capnp::RpcSystem<capnp::rpc::twoparty::VatId> rpcSystem;
 };
@@ -90,11 +95,16 @@ struct RpcServer::Impl : kj::TaskSet::ErrorHandler {
   std::atomic<std::size_t> connectionCount{0};
 
   // ---- loop thread only
+  explicit Impl(const TransportLimits& l) : limits(l), gate(l) {}
+  const TransportLimits limits;
+  ReceiveGate gate;
+  std::shared_ptr<Holdings> held = std::make_shared<Holdings>();
   plist::ObjectRef root;
   Delegate* delegate = nullptr;
   WorkerPool* workers = nullptr;
   kj::AsyncIoContext* io = nullptr;
   std::map<std::uint64_t, kj::Own<ServerConnection>> connections;
+  std::map<std::string, std::size_t> connectionsByAddress;
   std::uint64_t nextConnection = 1;
   kj::Maybe<kj::TaskSet> tasks;
 
@@ -107,28 +117,53 @@ struct RpcServer::Impl : kj::TaskSet::ErrorHandler {
     });
   }
 
+  // Why a connection from peer would pass the limits of connections, if it would.
+  std::optional<std::string> overLimit(const PeerInfo& peer) const {
+    if (connections.size() >= limits.connections) {
+      return fmt::format("the agent already serves {} connections", connections.size());
+    }
+    auto from = connectionsByAddress.find(peer.address);
+    if (from != connectionsByAddress.end() && from->second >= limits.connectionsPerAddress) {
+      return fmt::format("{} connections from that address are open already", from->second);
+    }
+    return std::nullopt;
+  }
+
   void accept(kj::Own<kj::AsyncIoStream> stream) {
     PeerInfo peer = peerOf(*stream);
-    if (delegate != nullptr && !delegate->shouldAcceptConnection(peer)) {
+    if (auto refusal = overLimit(peer)) {
+      if (delegate != nullptr) {
+        delegate->connectionRefused(peer, *refusal);
+      }
       return; // dropping the stream closes it before anything was read
+    }
+    if (delegate != nullptr && !delegate->shouldAcceptConnection(peer)) {
+      return;
     }
     std::uint64_t id = nextConnection++;
     auto state = std::make_shared<ConnectionState>(
         kj::getCurrentThreadExecutor().addRef(), io->provider->getTimer(), *workers,
         plist::RemoteObject::Caller{peer.address, connectionSerial(),
-                                    std::make_shared<std::atomic<bool>>(true)});
-    auto connection = kj::heap<ServerConnection>(kj::mv(stream), state, root);
+                                    std::make_shared<std::atomic<bool>>(true)},
+        limits, held);
+    state->replyTimeoutMs = limits.replyTimeout.count();
+    auto connection = kj::heap<ServerConnection>(kj::mv(stream), state, root, gate);
     auto& network = connection->network;
     connections.emplace(id, kj::mv(connection));
+    ++connectionsByAddress[peer.address];
     ++connectionCount;
     if (delegate != nullptr) {
       delegate->connectionDidInitialize(peer);
     }
-    KJ_ASSERT_NONNULL(tasks).add(network.onDisconnect().then([this, id]() {
+    KJ_ASSERT_NONNULL(tasks).add(network.onDisconnect().then([this, id, address = peer.address]() {
       // Not from inside the network's own callback: a turn later.
-      return kj::evalLater([this, id]() {
+      return kj::evalLater([this, id, address]() {
         if (connections.erase(id) > 0) {
           --connectionCount;
+          auto from = connectionsByAddress.find(address);
+          if (from != connectionsByAddress.end() && --from->second == 0) {
+            connectionsByAddress.erase(from);
+          }
         }
       });
     }));
@@ -154,6 +189,7 @@ struct RpcServer::Impl : kj::TaskSet::ErrorHandler {
       ready.set_value({});
       paf.promise.wait(context.waitScope);
       connections.clear();
+      connectionsByAddress.clear();
       connectionCount = 0;
       tasks = nullptr;
       listener = nullptr;
@@ -176,11 +212,12 @@ RpcServer::~RpcServer() {
 
 Expected<std::unique_ptr<RpcServer>> RpcServer::start(platform::FileDescriptor listeningSocket,
                                                       plist::ObjectRef root, Delegate* delegate,
-                                                      WorkerPool& workers) {
+                                                      WorkerPool& workers,
+                                                      const TransportLimits& limits) {
   if (!listeningSocket.valid()) {
     return Failure{"no listening socket"};
   }
-  auto impl = std::make_unique<Impl>();
+  auto impl = std::make_unique<Impl>(limits);
   impl->root = std::move(root);
   impl->delegate = delegate;
   impl->workers = &workers;

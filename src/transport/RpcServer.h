@@ -9,6 +9,7 @@
 #include "platform/FileDescriptor.h"
 #include "plist/Value.h"
 #include "support/Expected.h"
+#include "transport/TransportLimits.h"
 
 namespace kestrin {
 class WorkerPool;
@@ -26,7 +27,9 @@ struct PeerInfo {
 
 // Serves one root object on a listening socket, from a thread of its own with its own event
 // loop. Every accepted connection gets the root object; every call runs on a thread of the
-// given worker pool (see LocalObjectServer), so slow calls never hold up other callers.
+// given worker pool (see LocalObjectServer), so slow calls never hold up other callers. What
+// the peers send is bounded by TransportLimits before it is decoded; calls to the peers'
+// objects wait at most limits.replyTimeout for their answers.
 class RpcServer {
 public:
   // Called on the server's thread: keep them short and never stop the server from inside.
@@ -36,15 +39,19 @@ public:
     // Refusing drops the connection before the peer can call anything.
     virtual bool shouldAcceptConnection(const PeerInfo& peer) = 0;
     virtual void connectionDidInitialize(const PeerInfo& /*peer*/) {}
+    // A connection dropped unread because the limits of connections were reached.
+    virtual void connectionRefused(const PeerInfo& /*peer*/, const std::string& /*reason*/) {}
     // The listening socket failed: the server accepts nothing more. Not called by stop().
     virtual void serverDidDie(const std::string& reason) = 0;
   };
 
   // Takes over a bound and listening TCP or Unix-domain socket. delegate may be null (every
-  // connection accepted); it and workers, where the calls run, must outlive the server.
+  // connection accepted); it and workers, where the calls run, must outlive the server. The
+  // limits bound what the peers may make it hold and wait for.
   static Expected<std::unique_ptr<RpcServer>> start(platform::FileDescriptor listeningSocket,
                                                     plist::ObjectRef root, Delegate* delegate,
-                                                    WorkerPool& workers);
+                                                    WorkerPool& workers,
+                                                    const TransportLimits& limits = {});
   ~RpcServer();
   RpcServer(const RpcServer&) = delete;
   RpcServer& operator=(const RpcServer&) = delete;

@@ -1,5 +1,7 @@
 #include "transport/ValueCodec.h"
 
+#include <limits>
+
 #include <fmt/format.h>
 
 #include "support/NamedException.h"
@@ -61,10 +63,6 @@ capnp::Text::Reader text(const std::string& string) {
   return capnp::Text::Reader(string.data(), string.size());
 }
 
-std::string string(capnp::Text::Reader text) {
-  return std::string(text.cStr(), text.size());
-}
-
 void encodeEntries(const plist::Dictionary& dictionary, capnp::List<wire::Entry>::Builder list,
                    ConnectionState& state) {
   unsigned i = 0;
@@ -75,16 +73,32 @@ void encodeEntries(const plist::Dictionary& dictionary, capnp::List<wire::Entry>
   }
 }
 
-plist::Value decodeAt(wire::Value::Reader reader, ConnectionState& state, int depth);
+// What a decoded value and a dictionary entry hold in memory besides their text and data (an
+// entry also has its key and, in large dictionaries, an index node).
+constexpr std::size_t kValueBytes = sizeof(plist::Value);
+constexpr std::size_t kEntryBytes = sizeof(plist::Value) + sizeof(std::string) + 32;
 
-plist::Dictionary decodeEntries(capnp::List<wire::Entry>::Reader list, ConnectionState& state,
-                                int depth) {
-  plist::Dictionary dictionary;
-  for (auto entry : list) {
-    dictionary.set(string(entry.getKey()), decodeAt(entry.getValue(), state, depth));
+struct Decoder {
+  ConnectionState& state;
+  DecodeBudget& budget;
+
+  plist::Value decodeAt(wire::Value::Reader reader, int depth);
+
+  std::string text(capnp::Text::Reader text) {
+    budget.charge(0, text.size());
+    return std::string(text.cStr(), text.size());
   }
-  return dictionary;
-}
+
+  plist::Dictionary decodeEntries(capnp::List<wire::Entry>::Reader list, int depth) {
+    budget.chargeList(list.size(), kEntryBytes);
+    plist::Dictionary dictionary;
+    for (auto entry : list) {
+      std::string key = text(entry.getKey());
+      dictionary.set(std::move(key), decodeAt(entry.getValue(), depth));
+    }
+    return dictionary;
+  }
+};
 
 capnp::Data::Reader bytes(const plist::Data& data) {
   return capnp::Data::Reader(data.data(), data.size());
@@ -164,9 +178,55 @@ void encodeValue(const plist::Value& value, wire::Value::Builder builder, Connec
   }
 }
 
+DecodeBudget DecodeBudget::forCall(const ConnectionState& state) {
+  const TransportLimits& limits = state.limits;
+  auto left = [](std::size_t limit, std::size_t held) { return limit > held ? limit - held : 0; };
+  DecodeBudget budget(limits);
+  budget.shared_[budget.sharedCount_++] = {{left(limits.valuesPerConnection, state.held->values),
+                                            left(limits.bytesPerConnection, state.held->bytes)},
+                                           "this connection's calls in flight"};
+  if (state.server) {
+    budget.shared_[budget.sharedCount_++] = {
+        {std::numeric_limits<std::size_t>::max(), left(limits.bytesPerServer, state.server->bytes)},
+        "the calls in flight of every connection"};
+  }
+  return budget;
+}
+
+DecodeBudget DecodeBudget::forAnswer(const ConnectionState& state) {
+  return DecodeBudget(state.limits);
+}
+
+void DecodeBudget::charge(std::size_t values, std::size_t bytes) {
+  used_.values += values;
+  used_.bytes += bytes;
+  if (used_.values > limits_.valuesPerCall || used_.bytes > limits_.bytesPerCall) {
+    throw ArgumentError(fmt::format("the arguments of one call may decode into at most {} values "
+                                    "and {} bytes; these were refused",
+                                    limits_.valuesPerCall, limits_.bytesPerCall));
+  }
+  for (std::size_t i = 0; i < sharedCount_; ++i) {
+    const Allowance& allowance = shared_[i];
+    if (used_.values > allowance.left.values || used_.bytes > allowance.left.bytes) {
+      throw NamedException(std::string(kBusyException),
+                           fmt::format("{} already hold what the agent allows; try again once "
+                                       "some have ended",
+                                       allowance.refusal));
+    }
+  }
+}
+
+void DecodeBudget::chargeList(std::size_t count, std::size_t elementBytes) {
+  // Checked one factor at a time: a list can claim hundreds of millions of elements.
+  if (count > limits_.valuesPerCall) {
+    charge(count, 0);
+  }
+  charge(count, count * elementBytes);
+}
+
 namespace {
 
-plist::Value decodeAt(wire::Value::Reader reader, ConnectionState& state, int depth) {
+plist::Value Decoder::decodeAt(wire::Value::Reader reader, int depth) {
   if (depth > kMaxValueDepth) {
     throw ArgumentError(fmt::format("a value nested deeper than {} levels was received and refused",
                                     kMaxValueDepth));
@@ -181,27 +241,31 @@ plist::Value decodeAt(wire::Value::Reader reader, ConnectionState& state, int de
   case wire::Value::REAL:
     return reader.getReal();
   case wire::Value::STRING:
-    return string(reader.getString());
+    return text(reader.getString());
   case wire::Value::DATA: {
     auto data = reader.getData();
+    budget.charge(0, data.size());
     return plist::Data(data.begin(), data.end());
   }
   case wire::Value::DATE:
     return plist::Date{reader.getDate()};
   case wire::Value::ARRAY: {
+    auto list = reader.getArray();
+    budget.chargeList(list.size(), kValueBytes);
     plist::Array array;
-    array.reserve(reader.getArray().size());
-    for (auto item : reader.getArray()) {
-      array.push_back(decodeAt(item, state, depth + 1));
+    array.reserve(list.size());
+    for (auto item : list) {
+      array.push_back(decodeAt(item, depth + 1));
     }
     return array;
   }
   case wire::Value::DICTIONARY:
-    return decodeEntries(reader.getDictionary(), state, depth + 1);
+    return decodeEntries(reader.getDictionary(), depth + 1);
   case wire::Value::ERROR: {
     auto error = reader.getError();
-    return plist::ErrorRecord{string(error.getDomain()), error.getCode(),
-                              decodeEntries(error.getUserInfo(), state, depth + 2)};
+    std::string domain = text(error.getDomain());
+    return plist::ErrorRecord{std::move(domain), error.getCode(),
+                              decodeEntries(error.getUserInfo(), depth + 2)};
   }
   case wire::Value::OBJECT:
     // A null capability names no object; as a proxy it could not be called, and would come
@@ -217,8 +281,21 @@ plist::Value decodeAt(wire::Value::Reader reader, ConnectionState& state, int de
 
 } // namespace
 
-plist::Value decodeValue(wire::Value::Reader reader, ConnectionState& state) {
-  return decodeAt(reader, state, 0);
+plist::Value decodeValue(wire::Value::Reader reader, ConnectionState& state, DecodeBudget& budget) {
+  budget.charge(1, kValueBytes);
+  return Decoder{state, budget}.decodeAt(reader, 0);
+}
+
+std::vector<plist::Value> decodeValues(capnp::List<wire::Value>::Reader list,
+                                       ConnectionState& state, DecodeBudget& budget) {
+  budget.chargeList(list.size(), kValueBytes);
+  std::vector<plist::Value> values;
+  values.reserve(list.size());
+  Decoder decoder{state, budget};
+  for (auto item : list) {
+    values.push_back(decoder.decodeAt(item, 0));
+  }
+  return values;
 }
 
 plist::ObjectRef importObject(wire::RemoteObject::Client client, ConnectionState& state) {

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "ThrowawayAccounts.h"
+#include "auth/PamService.h"
 #include "fixtures/AgentProcess.h"
 #include "fixtures/StoredZip.h"
 #include "fixtures/TempDir.h"
@@ -47,7 +48,7 @@ protected:
   static void SetUpTestSuite() {
     ThrowawayAccounts::SetUpTestSuite();
     if (::geteuid() == 0 && !fs::exists(kPamService)) {
-      fs::copy_file(KESTRIN_SOURCE_DIR "/resources/pam.d/kestrin-auth", kPamService);
+      writeText(kPamService, std::string(auth::kPamServiceText));
       installedPamService_ = true;
     }
   }

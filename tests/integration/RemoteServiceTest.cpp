@@ -1,10 +1,13 @@
 #include <csignal>
 #include <cstdio>
+#include <fstream>
+#include <future>
 #include <sstream>
 
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <capnp/ez-rpc.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -12,11 +15,13 @@
 #include "admin/AdminClient.h"
 #include "admin/JsonValue.h"
 #include "admin/QVCallback.h"
+#include "fixtures/MakerTools.h"
 #include "fixtures/PrivateBus.h"
 #include "fixtures/RecordingObject.h"
 #include "foundation/QVEncryption.h"
 #include "platform/NotificationCenter.h"
 #include "support/NamedException.h"
+#include "transport/remote.capnp.h"
 
 namespace kestrin {
 namespace {
@@ -28,8 +33,21 @@ using testing::RecordingObject;
 using testing::runAmbrant;
 using testing::RunningAgent;
 
+// A field of /proc/<pid>/status ("Threads", "VmSize" in kB), or -1.
+long statusField(pid_t pid, const std::string& field) {
+  std::istringstream status(testing::readText("/proc/" + std::to_string(pid) + "/status"));
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind(field + ":", 0) == 0) {
+      return std::stol(line.substr(field.size() + 1));
+    }
+  }
+  return -1;
+}
+
 class RemoteService : public ::testing::Test {
 protected:
+  explicit RemoteService(const std::function<void(const std::filesystem::path&)>& prepare = {})
+      : agent({}, {}, prepare) {}
   void SetUp() override {
     port = agent.waitForPort();
     ASSERT_NE(port, 0) << testing::readText(agent.output());
@@ -82,13 +100,17 @@ TEST_F(RemoteService, EveryRegisteredCallbackReceivesPostedErrorsOnce) {
   EXPECT_EQ(second->selectorsCalled().size(), 1u);
 }
 
-TEST_F(RemoteService, ACallbackLackingASelectorStopsThatEventForTheOthers) {
+// A callback lacking the event's selector ends that event for the callbacks its own admin
+// registered after it, never for another admin's.
+TEST_F(RemoteService, ACallbackLackingASelectorStopsThatEventOnlyForItsOwnAdmin) {
   auto first = connect();
   auto lacking = registeredCallback(*first, {"ping"});
+  auto afterLacking = registeredCallback(*first);
   auto second = connect();
   auto complete = registeredCallback(*second);
   first->root()->invoke("incrementRemoteProgress", {});
-  EXPECT_TRUE(complete->calls().empty());
+  EXPECT_THAT(complete->selectorsCalled(), ::testing::ElementsAre("incrementProgress"));
+  EXPECT_THAT(afterLacking->selectorsCalled(), ::testing::ElementsAre("ping"));
   EXPECT_TRUE(eventually([&] {
     return agent.logContains(
         "Error: error callback object does not respond to selector incrementProgress.");
@@ -157,6 +179,214 @@ TEST_F(RemoteService, EncryptedPasswordsFromAmbrantOpenRightsOnlyForValidCredent
   EXPECT_TRUE(agent.logContains("Unable to authorize. Username and password may be incorrect."));
 }
 
+// ---- hostile peers
+
+// What a peer that builds its own messages can send: a call whose argument list claims `count`
+// elements of no size, which costs it a few bytes and costs a careless receiver a value each.
+// Answers the name and reason of what the agent raised.
+std::pair<std::string, std::string> callWithEmptyElements(int port, const std::string& selector,
+                                                          unsigned count) {
+  try {
+    capnp::EzRpcClient raw("127.0.0.1", static_cast<capnp::uint>(port));
+    auto request = raw.getMain().typelessRequest(capnp::typeId<transport::wire::RemoteObject>(), 0,
+                                                 capnp::MessageSize{16, 0});
+    auto params = request.initAsAnyStruct(0, 2);
+    params.getPointerSection()[0].setAs<capnp::Text>(selector);
+    params.getPointerSection()[1].initAsAnyList(capnp::ElementSize::VOID, count);
+    auto response = request.send().wait(raw.getWaitScope());
+    auto raised = response.getAs<transport::wire::RemoteObject::InvokeResults>().getRaised();
+    return {raised.getName().cStr(), raised.getReason().cStr()};
+  } catch (const kj::Exception& e) {
+    // Kept as text: a kj exception may not outlive its thread.
+    return {"(transport failure)", e.getDescription().cStr()};
+  }
+}
+
+// The agent's peak resident memory in kB since the last reset.
+long peakResidentKb(pid_t pid) {
+  return statusField(pid, "VmHWM");
+}
+void resetPeakResident(pid_t pid) {
+  std::ofstream("/proc/" + std::to_string(pid) + "/clear_refs") << "5";
+}
+
+// Four peers at once each send a 40-byte list that claims four million elements; an admin
+// keeps calling meanwhile. The agent refuses each before looking at the selector and its peak
+// memory grows by less than 64 MiB (it grew by gigabytes when every element became a value).
+TEST_F(RemoteService, AmplifyingRequestsAreRefusedAndCostTheAgentNoMemory) {
+  pid_t pid = agent.process().pid();
+  auto admin = connect();
+  ASSERT_TRUE(admin->root()->invoke("ping", {}).isNull());
+  resetPeakResident(pid);
+  long before = peakResidentKb(pid);
+  std::vector<std::future<std::pair<std::string, std::string>>> hostile;
+  for (int i = 0; i < 4; ++i) {
+    hostile.push_back(std::async(std::launch::async, [&] {
+      return callWithEmptyElements(port, "dictionaryFromData:", 4'000'000);
+    }));
+  }
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_TRUE(admin->root()->invoke("ping", {}).isNull());
+  }
+  for (auto& refused : hostile) {
+    auto [name, reason] = refused.get();
+    EXPECT_EQ(name, "NSInvalidArgumentException");
+    EXPECT_THAT(reason, ::testing::HasSubstr("at most 100000 values"));
+  }
+  EXPECT_LT(peakResidentKb(pid) - before, 64 * 1024);
+  EXPECT_FALSE(agent.logContains("dictionaryFromData"));
+  EXPECT_TRUE(admin->root()->invoke("ping", {}).isNull());
+}
+
+// An admin's error callback that answers its registration ping, then holds every event until
+// released, as a hung admin application would.
+class StallingCallback : public plist::RemoteObject {
+public:
+  std::string description() const override { return "<stalling>"; }
+  bool respondsTo(const std::string&) override { return true; }
+  Value invoke(const std::string& selector, std::vector<Value>) override {
+    if (selector == "ping") {
+      return {};
+    }
+    std::unique_lock lock(mutex_);
+    ++entered_;
+    released_.wait(lock, [this] { return release_; });
+    return {};
+  }
+  int entered() {
+    std::lock_guard lock(mutex_);
+    return entered_;
+  }
+  void release() {
+    std::lock_guard lock(mutex_);
+    release_ = true;
+    released_.notify_all();
+  }
+
+private:
+  std::mutex mutex_;
+  std::condition_variable released_;
+  int entered_ = 0;
+  bool release_ = false;
+};
+
+TEST_F(RemoteService, AStalledCallbackHoldsUpNoOtherAdministrator) {
+  auto hung = connect();
+  auto stalling = std::make_shared<StallingCallback>();
+  hung->root()->invoke("setErrorCallback:", {Value(plist::ObjectRef(stalling))});
+  auto admin = connect();
+  auto callback = registeredCallback(*admin);
+
+  auto posting = std::async(std::launch::async, [&] {
+    admin->root()->invoke("postErrorString:", {Value("Render node offline")});
+  });
+  // Before the post is waited for, whatever happens below.
+  std::shared_ptr<void> unstall(nullptr, [&](void*) { stalling->release(); });
+  // The second admin hears at once and keeps being served while the first holds the event.
+  ASSERT_TRUE(eventually([&] { return !callback->calls().empty(); }, 5s));
+  EXPECT_EQ(callback->calls()[0].arguments[0], Value("Render node offline"));
+  EXPECT_TRUE(eventually([&] { return stalling->entered() == 1; }, 5s));
+  auto third = connect();
+  EXPECT_TRUE(third->root()->invoke("ping", {}).isNull());
+  EXPECT_TRUE(admin->root()->invoke("ping", {}).isNull());
+  unstall.reset();
+  posting.get();
+}
+
+TEST_F(RemoteService, CallersCanNeitherForgeLogLinesNorBroadcastWhatTheyLike) {
+  auto admin = connect();
+  auto callback = registeredCallback(*admin);
+  admin->root()->invoke("executeTask:bundleID:options:",
+                        {Value("clean"), Value("com.quorvane.Evil\nFORGED LINE\x1b[2J"), Value()});
+  ASSERT_TRUE(eventually([&] { return agent.logContains("com.quorvane.Evil\\nFORGED LINE"); }));
+  EXPECT_FALSE(agent.logContains("\nFORGED LINE"));
+  EXPECT_FALSE(agent.logContains("\x1b"));
+
+  // The reverse interface's events may be broadcast; nothing else may.
+  try {
+    admin->root()->invoke("performErrorCallbackSelector:withObject:withObject:",
+                          {Value("removeStoredPasswordForHost:"), Value("x"), Value()});
+    ADD_FAILURE() << "an arbitrary selector was broadcast";
+  } catch (const NamedException& e) {
+    EXPECT_EQ(e.name(), "NSInvalidArgumentException");
+  }
+  admin->root()->invoke("performErrorCallbackSelector:withObject:withObject:",
+                        {Value("addStringToQueue:hostname:"), Value("hello"), Value("studio.")});
+  EXPECT_THAT(callback->selectorsCalled(),
+              ::testing::ElementsAre("addErrorToQueue:userInfo:", "addStringToQueue:hostname:"));
+}
+
+// The agent with one maker's tool whose task prints a secret, run through the callback form.
+class RemoteServiceTasks : public RemoteService {
+protected:
+  RemoteServiceTasks()
+      : RemoteService([](const std::filesystem::path& root) {
+          testing::makeMakerTool(root / "Applications/Quorvane", "Tibbet", "com.quorvane.Tibbet",
+                                 plist::Array{testing::makerTask("secret", {"--all"})}, 0,
+                                 "echo 'the secret'\n");
+        }) {}
+  // Runs the task with a callback of its own on `client`; answers what that callback received.
+  std::vector<RecordingObject::Call> runWithCallback(transport::RpcClient& client,
+                                                     const plist::ObjectRef& callback) {
+    client.root()->invoke(
+        "authExecuteTask:bundleID:options:username:password:callback:callbackName:",
+        {Value("secret"), Value("com.quorvane.Tibbet"), Value(), Value("admin"),
+         Value(plist::Data{1, 2, 3}), Value(callback), Value("QVTaskOutput")});
+    return std::static_pointer_cast<RecordingObject>(callback)->calls();
+  }
+};
+
+// One admin runs tasks with callbacks while another arms its own relay under the same name as
+// fast as it can: each output reaches the caller who ran the task, once, and nobody else.
+TEST_F(RemoteServiceTasks, ATasksOutputReachesOnlyTheCallerWhoRanIt) {
+  auto runner = connect();
+  auto racer = connect();
+  auto thief = std::make_shared<RecordingObject>(std::set<std::string>{"postCallback:"}, "thief");
+  std::atomic<bool> done{false};
+  std::atomic<int> armed{0};
+  std::thread racing([&] {
+    while (!done) {
+      racer->root()->invoke("setupCallbackListener:withName:",
+                            {Value(plist::ObjectRef(thief)), Value("QVTaskOutput")});
+      ++armed;
+    }
+  });
+  for (int run = 0; run < 3; ++run) {
+    auto own = std::make_shared<RecordingObject>(std::set<std::string>{"postCallback:"});
+    auto calls = runWithCallback(*runner, own);
+    ASSERT_EQ(calls.size(), 1u) << "run " << run;
+    EXPECT_EQ(
+        calls[0].arguments.at(0),
+        Value(plist::Dictionary{
+            {"output", "Error: Unable to authorize. Username and password may be incorrect."}}));
+  }
+  done = true;
+  racing.join();
+  EXPECT_GT(armed, 3);
+  EXPECT_TRUE(thief->calls().empty());
+}
+
+// A callback record that raises an exception named like the transport's time-out: its own
+// failure, which must not restart the service for everyone.
+TEST_F(RemoteServiceTasks, APeersExceptionNamedLikeATimeOutRestartsNothing) {
+  struct Forger : plist::RemoteObject {
+    std::string description() const override { return "<forger>"; }
+    bool respondsTo(const std::string&) override { return true; }
+    Value invoke(const std::string&, std::vector<Value>) override {
+      throw NamedException("NSPortTimeoutException", "forged");
+    }
+  };
+  auto admin = connect();
+  admin->root()->invoke("authExecuteTask:bundleID:options:username:password:callback:callbackName:",
+                        {Value("secret"), Value("com.quorvane.Tibbet"), Value(), Value("admin"),
+                         Value(), Value(plist::ObjectRef(std::make_shared<Forger>())),
+                         Value("QVTaskOutput")});
+  ASSERT_TRUE(eventually([&] { return agent.logContains("NSPortTimeoutException - forged"); }));
+  std::this_thread::sleep_for(500ms); // a restart would have begun by now
+  EXPECT_FALSE(agent.logContains("Stopping vending..."));
+  EXPECT_TRUE(admin->root()->invoke("ping", {}).isNull());
+}
+
 TEST(RemoteServiceInstances, ASecondAgentRegistersUnderAUuidPrefixedName) {
   RunningAgent first;
   ASSERT_NE(first.waitForPort(), 0);
@@ -197,17 +427,6 @@ protected:
   std::unique_ptr<RunningAgent> agent;
   int port = 0;
 };
-
-// A field of /proc/<pid>/status ("Threads", "VmSize" in kB), or -1.
-long statusField(pid_t pid, const std::string& field) {
-  std::istringstream status(testing::readText("/proc/" + std::to_string(pid) + "/status"));
-  for (std::string line; std::getline(status, line);) {
-    if (line.rfind(field + ":", 0) == 0) {
-      return std::stol(line.substr(field.size() + 1));
-    }
-  }
-  return -1;
-}
 
 TEST_F(AgentNotifications, AThousandNotificationsLeaveThreadsAndMemoryFlat) {
   std::atomic<int> answered{0};
@@ -352,6 +571,29 @@ TEST_F(AgentNotifications, TheUsersCommandSendsAndCancelsARequestAtEveryAdmin) {
             (std::vector<std::string>{"requestMaintenance:", "cancelMaintenance:"}));
   EXPECT_EQ(callback->calls()[0].arguments, std::vector<Value>{host});
   EXPECT_EQ(runMaintenance("now").first, 2);
+}
+
+// Another caller's task that reports under the same name neither takes nor disarms a relay.
+TEST_F(AgentNotifications, ARelayOutlivesAnotherCallersTaskReportingUnderItsName) {
+  auto waiting = transport::RpcClient::connectTcp("127.0.0.1", port, 10s);
+  auto other = transport::RpcClient::connectTcp("127.0.0.1", port, 10s);
+  ASSERT_TRUE(waiting.ok() && other.ok());
+  std::atomic<int> posted{0};
+  auto record =
+      admin::QVCallback::callbackWithName("render", [&](admin::QVCallback&) { ++posted; });
+  (*waiting)->root()->invoke("setupCallbackListener:withName:",
+                             {Value(plist::ObjectRef(record)), Value("QVTestRenderDone")});
+  auto own = std::make_shared<RecordingObject>(std::set<std::string>{"postCallback:"});
+  (*other)->root()->invoke(
+      "authExecuteTask:bundleID:options:username:password:callback:callbackName:",
+      {Value("x"), Value("com.quorvane.Missing"), Value(), Value("admin"), Value(),
+       Value(plist::ObjectRef(own)), Value("QVTestRenderDone")});
+  EXPECT_EQ(own->calls().size(), 1u);
+  EXPECT_EQ(posted, 0);
+
+  center->post("QVTestRenderDone", {{"frames", 240}});
+  ASSERT_TRUE(eventually([&] { return posted == 1; }, 10s));
+  EXPECT_EQ(record->info(), (plist::Dictionary{{"frames", 240}}));
 }
 
 } // namespace

@@ -194,6 +194,27 @@ TEST_F(QVLogTest, LogAndPrintWritesTheTrimmedLineToStandardOutputToo) {
   EXPECT_EQ(messagesIn(userFile(1)).back(), "100% done {literally}");
 }
 
+// A remote caller's text cannot start a line of its own or reach a terminal as a control
+// sequence, whichever class-level call logs it; the format's own text is left alone.
+TEST_F(QVLogTest, TextArgumentsAreEscapedSoNoCallerCanForgeALine) {
+  auto log = std::make_unique<QVLog>(config());
+  log->newLog("Test");
+  QVLog* shared = log.get();
+  QVLog::setSharedController(std::move(log));
+  std::string hostile = "com.quorvane.Evil\n2001-01-01 00:00:00 +0000 - FORGED\x1b[2J\xff\u2028";
+  QVLog::appendLog("Found application at path {} for bundle ID {}", "(null)", hostile);
+  QVLog::fastAppendLog("File: {} ({} bytes)", std::string_view("a\tb"), 12);
+  shared->flush();
+
+  auto messages = messagesIn(userFile(1));
+  EXPECT_EQ(messages[messages.size() - 2],
+            "Found application at path (null) for bundle ID com.quorvane.Evil\\n2001-01-01 "
+            "00:00:00 +0000 - FORGED\\x1b[2J\\xff\\u2028");
+  EXPECT_EQ(messages.back(), "File: a\\tb (12 bytes)");
+  // Text that was escaped already (as paths are) comes out unchanged, and so does plain text.
+  EXPECT_EQ(QVLog::escaped("a\\nb \u00e9t\u00e9"), "a\\nb \u00e9t\u00e9");
+}
+
 TEST_F(QVLogTest, ShortLinesFromWorkerThreadsAreOnDiskWhenLogReturns) {
   QVLog log(config());
   log.newLog("Test");

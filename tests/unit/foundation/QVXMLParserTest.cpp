@@ -55,8 +55,8 @@ TEST(QVXMLParser, TheLoggingFormWritesEachStrippedCharacter) {
   testing::ThrowawayMachine machine;
   EXPECT_EQ(QVXMLParser::escapeQueryString("x\ty"), "xy");
   QVLog::finishWriting();
-  // The line ends in the tab itself, which the log trims like any trailing white space.
-  EXPECT_NE(machine.logText().find(" - Stripped character\n"), std::string::npos);
+  // The tab is written escaped, as every control character in a log argument is.
+  EXPECT_NE(machine.logText().find(" - Stripped character \\t\n"), std::string::npos);
 }
 
 TEST(QVXMLParser, QueriesAnswerStringValuesOfWhatTheyFind) {

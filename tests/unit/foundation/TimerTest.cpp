@@ -120,5 +120,34 @@ TEST(WorkerPool, IdleThreadsEndAndAreJoinedSoThreadsDoNotGrowWithUse) {
   EXPECT_FALSE(pool.submit([] {}));
 }
 
+TEST(WorkerPool, RunAllRunsJobsSideBySideYetNeverWaitsForAJobStuckInTheQueue) {
+  WorkerPool pool({2, 50ms});
+  // Each job waits for the other to start: only side by side can both see it.
+  std::atomic<int> started{0};
+  std::atomic<int> sawTheOther{0};
+  auto meet = [&] {
+    ++started;
+    auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (started < 2 && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::yield();
+    }
+    sawTheOther += started == 2;
+  };
+  pool.runAll({meet, meet});
+  EXPECT_EQ(sawTheOther, 2);
+
+  // Every worker blocked: the caller runs the jobs itself instead of waiting for a worker.
+  std::promise<void> unblock;
+  std::shared_future<void> blocked = unblock.get_future().share();
+  pool.submit([blocked] { blocked.wait(); });
+  pool.submit([blocked] { blocked.wait(); });
+  std::atomic<int> ran{0};
+  auto count = [&] { ++ran; };
+  EXPECT_THROW(pool.runAll({count, [] { throw std::runtime_error("job"); }, count}),
+               std::runtime_error);
+  EXPECT_EQ(ran, 2);
+  unblock.set_value();
+}
+
 } // namespace
 } // namespace kestrin

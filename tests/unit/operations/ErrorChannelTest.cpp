@@ -82,16 +82,19 @@ TEST_F(ErrorChannelTest, DeliversToEveryCallbackWithAsManyArgumentsAsTheSelector
   EXPECT_THAT(calls[1].arguments, ElementsAre(Value(3), Value("host.")));
 }
 
-TEST_F(ErrorChannelTest, ACallbackLackingTheSelectorEndsDeliveryForTheRest) {
+TEST_F(ErrorChannelTest, ACallbackLackingTheSelectorEndsDeliveryForItsOwnAdminsLaterOnes) {
   auto lacking = callback({"ping"});
   auto complete = callback();
-  channel.setErrorCallback(lacking);
-  channel.setErrorCallback(complete);
+  auto anotherAdmins = callback();
+  channel.setErrorCallback(lacking, 1);
+  channel.setErrorCallback(complete, 1);
+  channel.setErrorCallback(anotherAdmins, 2);
   channel.incrementRemoteProgress();
-  EXPECT_THAT(complete->selectorsCalled(), IsEmpty());
+  EXPECT_THAT(complete->selectorsCalled(), ElementsAre("ping"));
+  EXPECT_THAT(anotherAdmins->selectorsCalled(), ElementsAre("incrementProgress"));
   EXPECT_TRUE(
       logged("Error: error callback object does not respond to selector incrementProgress."));
-  EXPECT_EQ(channel.errorCallbacks().size(), 2u); // nothing pruned
+  EXPECT_EQ(channel.errorCallbacks().size(), 3u); // nothing pruned
 }
 
 TEST_F(ErrorChannelTest, ACallbackThatFailsDuringDeliveryIsDroppedAndTheOthersStillReceive) {
@@ -214,7 +217,7 @@ TEST(ExceptionGuard, LogsNamedExceptionsAnswersNeutralAndReconnectsOnlyOnTimeout
   std::vector<double> reconnects;
   ExceptionGuard guard([&] { return quitting; }, [&](double s) { reconnects.push_back(s); });
 
-  auto timeout = [] { throw NamedException(std::string(kPortTimeoutException), "late"); };
+  auto timeout = [] { throw PortTimeoutException("late"); };
   EXPECT_EQ(guard.run("-[AppController hostName]", Value("Unknown"),
                       [&]() -> Value {
                         timeout();

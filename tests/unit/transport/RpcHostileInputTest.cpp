@@ -1,10 +1,14 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <condition_variable>
+#include <cstdint>
 #include <random>
 #include <string>
 #include <thread>
@@ -39,6 +43,22 @@ int connectedTcp(int port) {
   address.sin_port = htons(static_cast<uint16_t>(port));
   EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   return fd;
+}
+
+// Whether the peer closes fd within a few seconds, whatever it says before it does.
+bool closedByPeer(int fd) {
+  timeval wait{5, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+  char buffer[4096];
+  for (;;) {
+    ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+    if (n == 0 || (n < 0 && errno == ECONNRESET)) {
+      return true;
+    }
+    if (n < 0) {
+      return false; // timed out
+    }
+  }
 }
 
 TEST_F(RpcTest, RandomBytesAndAbandonedConnectionsLeaveTheServerServing) {
@@ -114,6 +134,165 @@ TEST_F(RpcTest, OverNestedValuesAreRefusedBySenderAndReceiver) {
   EXPECT_NE(std::string(response.getRaised().getReason().cStr()).find("nested deeper"),
             std::string::npos);
   expectServing();
+}
+
+// The server with limits small enough for a test to reach.
+class RpcLimitsTest : public RpcTest {
+protected:
+  RpcLimitsTest() {
+    limits.valuesPerCall = 1000;
+    limits.bytesPerCall = 1 << 20;
+    limits.callsPerConnection = 4;
+    limits.valuesPerConnection = 1500;
+    limits.bytesPerConnection = 1536 << 10;
+    limits.bytesPerServer = 2 << 20;
+    limits.replyTimeout = 300ms;
+    limits.receivingBytes = 1 << 20;
+    limits.messageTime = 2s;
+    limits.connections = 8;
+    limits.connectionsPerAddress = 6;
+  }
+
+  bool runningReaches(int calls) {
+    for (int i = 0; i < 500 && root->running < calls; ++i) {
+      std::this_thread::sleep_for(10ms);
+    }
+    return root->running == calls;
+  }
+
+  // The name a call was refused under, or "" when it was answered.
+  static std::string refusal(RpcClient& client, const std::string& selector,
+                             std::vector<Value> arguments) {
+    try {
+      client.root()->invoke(selector, std::move(arguments));
+      return "";
+    } catch (const NamedException& e) {
+      return e.name();
+    }
+  }
+};
+
+Value bytes(std::size_t count) {
+  return Value(plist::Data(count, 0x5a));
+}
+
+TEST_F(RpcLimitsTest, ArgumentsPastTheBudgetsAreRefusedByNameAndHeldOnlyWhileTheirCallRuns) {
+  auto client = connect();
+  // One call: values and bytes.
+  EXPECT_EQ(refusal(*client, "echo:", {Value(plist::Array(1000, Value(1)))}),
+            "NSInvalidArgumentException");
+  EXPECT_EQ(refusal(*client, "echo:", {bytes((1 << 20) + 1)}), "NSInvalidArgumentException");
+  EXPECT_EQ(refusal(*client, "echo:", {Value(plist::Array(998, Value(1)))}), "");
+
+  // One connection holds 0.9 MiB in a running call: another 0.9 MiB is too much for it, not
+  // for a second connection; a third one finds the server's budget spent.
+  auto second = connect();
+  auto third = connect();
+  std::thread holding([&] {
+    client->root()->invoke("hold:for:", {bytes(900 << 10), Value(1500)});
+  });
+  std::thread alsoHolding([&] {
+    second->root()->invoke("hold:for:", {bytes(900 << 10), Value(1500)});
+  });
+  ASSERT_TRUE(runningReaches(2));
+  EXPECT_EQ(refusal(*client, "hold:for:", {bytes(900 << 10), Value(0)}), "KestrinBusyException");
+  EXPECT_EQ(refusal(*third, "hold:for:", {bytes(300 << 10), Value(0)}), "KestrinBusyException");
+  holding.join();
+  alsoHolding.join();
+  EXPECT_EQ(refusal(*client, "hold:for:", {bytes(900 << 10), Value(0)}), "");
+  EXPECT_EQ(refusal(*third, "hold:for:", {bytes(900 << 10), Value(0)}), "");
+}
+
+TEST_F(RpcLimitsTest, ACallerGetsAtMostItsShareOfCallsRunningAtOnce) {
+  auto greedy = connect();
+  std::vector<std::thread> sleepers;
+  for (int i = 0; i < 4; ++i) {
+    sleepers.emplace_back([&] { greedy->root()->invoke("sleep:", {Value(1500)}); });
+  }
+  ASSERT_TRUE(runningReaches(4));
+  EXPECT_EQ(refusal(*greedy, "echo:", {Value("one more")}), "KestrinBusyException");
+  EXPECT_THROW(greedy->root()->respondsTo("echo:"), NamedException);
+  expectServing(); // another connection is not held up
+  for (auto& sleeper : sleepers) {
+    sleeper.join();
+  }
+  EXPECT_EQ(refusal(*greedy, "echo:", {Value("one more")}), "");
+}
+
+// A client's object that never answers: the server's call to it gives up at the reply limit
+// with the transport's own time-out, and the server goes on serving.
+TEST_F(RpcLimitsTest, ACallbackThatNeverAnswersTimesOutAtTheReplyLimit) {
+  struct Hung : plist::RemoteObject {
+    std::string description() const override { return "<hung>"; }
+    bool respondsTo(const std::string&) override { return true; }
+    Value invoke(const std::string&, std::vector<Value>) override {
+      std::unique_lock lock(mutex);
+      released.wait(lock, [this] { return release; });
+      return {};
+    }
+    std::mutex mutex;
+    std::condition_variable released;
+    bool release = false;
+  };
+  auto hung = std::make_shared<Hung>();
+  auto client = connect();
+  EXPECT_EQ(refusal(*client, "callBack:", {Value(plist::ObjectRef(hung))}),
+            "NSPortTimeoutException");
+  EXPECT_EQ(root->failures(), std::vector<std::string>{"PortTimeoutException"});
+  expectServing();
+  {
+    std::lock_guard lock(hung->mutex);
+    hung->release = true;
+  }
+  hung->released.notify_all();
+}
+
+// A peer that announces a large message and then trickles holds the room it was given only
+// until the message's time is up; large messages behind it wait their turn meanwhile, small
+// ones never do.
+TEST_F(RpcLimitsTest, ALargeMessageThatTricklesLosesItsConnectionAndTheNextIsRead) {
+  int trickler = connectedTcp(port);
+  std::uint32_t frame[2] = {0, (900u << 10) / 8}; // one segment of 900 KiB
+  ASSERT_EQ(::send(trickler, frame, sizeof frame, MSG_NOSIGNAL), 8);
+  ASSERT_EQ(::send(trickler, std::string(100, 'x').data(), 100, MSG_NOSIGNAL), 100);
+  std::this_thread::sleep_for(200ms); // read as far as it goes
+
+  auto large = connect();
+  std::atomic<bool> largeDone{false};
+  std::thread uploading([&] {
+    EXPECT_EQ(refusal(*large, "echo:", {bytes(900 << 10)}), "");
+    largeDone = true;
+  });
+  auto small = connect();
+  EXPECT_EQ(small->root()->invoke("echo:", {Value("small")}), Value("small"));
+  EXPECT_FALSE(largeDone) << "a large message was read while the gate was full";
+  uploading.join();
+  EXPECT_TRUE(closedByPeer(trickler)) << "the trickler is still connected";
+  ::close(trickler);
+}
+
+TEST_F(RpcLimitsTest, ConnectionsPastTheLimitsAreRefusedAtTheDoor) {
+  std::vector<int> open;
+  for (int i = 0; i < 6; ++i) {
+    open.push_back(connectedTcp(port));
+  }
+  for (int i = 0; i < 250 && server->connectionCount() < 6; ++i) {
+    std::this_thread::sleep_for(20ms);
+  }
+  ASSERT_EQ(server->connectionCount(), 6u);
+  int seventh = connectedTcp(port);
+  EXPECT_TRUE(closedByPeer(seventh));
+  EXPECT_EQ(delegate.refused, 1);
+  ::close(seventh);
+  ::close(open.back());
+  open.pop_back();
+  for (int i = 0; i < 250 && server->connectionCount() > 5; ++i) {
+    std::this_thread::sleep_for(20ms);
+  }
+  expectServing(); // room again once one has gone
+  for (int fd : open) {
+    ::close(fd);
+  }
 }
 
 // The child hands the server a callback and is killed while a server worker is inside a call

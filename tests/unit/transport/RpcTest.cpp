@@ -91,12 +91,21 @@ TEST_F(RpcTest, AnObjectOfAVanishedClientRaisesInvalidSendPort) {
   FAIL() << "the call to a vanished client kept succeeding";
 }
 
-TEST_F(RpcTest, AnAnswerLaterThanTheReplyLimitRaisesPortTimeout) {
+TEST_F(RpcTest, AnAnswerLaterThanTheReplyLimitRaisesPortTimeoutAndNothingElseDoes) {
   auto client = connect();
   client->setReplyTimeout(100ms);
   try {
     client->root()->invoke("sleep:", {Value(1000)});
     FAIL() << "no time-out";
+  } catch (const PortTimeoutException& e) {
+    EXPECT_EQ(e.name(), "NSPortTimeoutException");
+  }
+  // A peer's exception bearing the same name is the peer's, not a time-out of ours.
+  try {
+    client->root()->invoke("raiseNamed:reason:", {Value("NSPortTimeoutException"), Value("x")});
+    FAIL() << "nothing raised";
+  } catch (const PortTimeoutException&) {
+    FAIL() << "a peer's exception passed for the transport's time-out";
   } catch (const NamedException& e) {
     EXPECT_EQ(e.name(), "NSPortTimeoutException");
   }

@@ -29,7 +29,7 @@ public:
   bool respondsTo(const std::string& selector) override {
     return selector == "echo:" || selector == "raise:" || selector == "keep:" ||
            selector == "callKept:" || selector == "sleep:" || selector == "keptTwiceIsSame" ||
-           selector == "callBack:";
+           selector == "callBack:" || selector == "raiseNamed:reason:" || selector == "hold:for:";
   }
   plist::Value invoke(const std::string& selector, std::vector<plist::Value> args) override {
     if (selector == "echo:") {
@@ -37,6 +37,9 @@ public:
     }
     if (selector == "raise:") {
       throw NamedException("QVTestException", *args.at(0).asString());
+    }
+    if (selector == "raiseNamed:reason:") {
+      throw NamedException(*args.at(0).asString(), *args.at(1).asString());
     }
     if (selector == "keep:") {
       std::lock_guard lock(mutex);
@@ -55,8 +58,16 @@ public:
       std::lock_guard lock(mutex);
       return kept.size() == 2 && kept[0] == kept[1];
     }
+    if (selector == "hold:for:") { // keeps its arguments while it sleeps
+      ++running;
+      std::this_thread::sleep_for(std::chrono::milliseconds(*args.at(1).asInteger()));
+      --running;
+      return plist::Value(args.at(0).isNull() ? "held nothing" : "held");
+    }
     if (selector == "sleep:") {
+      ++running;
       std::this_thread::sleep_for(std::chrono::milliseconds(*args.at(0).asInteger()));
+      --running;
       ++sleepsFinished;
       return "slept";
     }
@@ -65,7 +76,8 @@ public:
         return args.at(0).asObject()->invoke("ping:", {});
       } catch (const NamedException& e) {
         std::lock_guard lock(mutex);
-        callbackFailures.push_back(e.name());
+        bool timeout = dynamic_cast<const PortTimeoutException*>(&e) != nullptr;
+        callbackFailures.push_back(timeout ? "PortTimeoutException" : e.name());
         throw;
       }
     }
@@ -81,6 +93,7 @@ public:
   std::vector<plist::ObjectRef> kept;
   std::vector<std::string> callbackFailures;
   std::atomic<int> sleepsFinished{0};
+  std::atomic<int> running{0}; // calls inside sleep: or hold:for: right now
 };
 
 inline platform::FileDescriptor listenTcp(int& port) {
@@ -119,6 +132,7 @@ inline WorkerPool& testWorkers() {
 
 struct CountingDelegate : RpcServer::Delegate {
   std::atomic<int> accepted{0};
+  std::atomic<int> refused{0};
   std::atomic<int> died{0};
   std::atomic<bool> refuseAll{false};
   std::mutex mutex;
@@ -129,6 +143,7 @@ struct CountingDelegate : RpcServer::Delegate {
     return !refuseAll;
   }
   void connectionDidInitialize(const PeerInfo&) override { ++accepted; }
+  void connectionRefused(const PeerInfo&, const std::string&) override { ++refused; }
   void serverDidDie(const std::string&) override { ++died; }
 };
 
@@ -136,7 +151,7 @@ struct CountingDelegate : RpcServer::Delegate {
 class RpcTest : public ::testing::Test {
 protected:
   void SetUp() override {
-    auto started = RpcServer::start(listenTcp(port), root, &delegate, testWorkers());
+    auto started = RpcServer::start(listenTcp(port), root, &delegate, testWorkers(), limits);
     ASSERT_TRUE(started.ok()) << started.message();
     server = std::move(*started);
   }
@@ -158,6 +173,7 @@ protected:
     EXPECT_EQ(server->connectionCount(), 0u);
   }
 
+  TransportLimits limits;
   std::shared_ptr<TestRoot> root = std::make_shared<TestRoot>();
   CountingDelegate delegate;
   int port = 0;
