@@ -2,6 +2,7 @@
 
 #include "operations/ConfigurationOperations.h"
 #include "operations/ControllerOperations.h"
+#include "operations/CrashLogOperations.h"
 #include "operations/CredentialOperations.h"
 #include "operations/ErrorChannelOperations.h"
 #include "operations/TaskOperations.h"
@@ -12,13 +13,14 @@ struct AgentOperations::Groups {
   explicit Groups(const Services& s)
       : controller(s.agent, s.bundle), errorChannel(s.errorChannel, s.callbackRelay),
         credentials(s.authorization, s.errorChannel), tasks(s),
-        configuration(s.applications, s.bundle, s.agent) {}
+        configuration(s.applications, s.bundle, s.agent), crashLogs(s) {}
 
   ControllerOperations controller;
   ErrorChannelOperations errorChannel;
   CredentialOperations credentials;
   TaskOperations tasks;
   ConfigurationOperations configuration;
+  CrashLogOperations crashLogs;
 };
 
 AgentOperations::AgentOperations(const Services& services)
@@ -28,6 +30,7 @@ AgentOperations::AgentOperations(const Services& services)
   groups_->credentials.registerIn(table_);
   groups_->tasks.registerIn(table_);
   groups_->configuration.registerIn(table_);
+  groups_->crashLogs.registerIn(table_);
 }
 
 AgentOperations::~AgentOperations() = default;
