@@ -2,6 +2,8 @@
 
 #include <system_error>
 
+#include "platform/AlternateSignalStack.h"
+
 namespace kestrin {
 
 WorkerPool::WorkerPool(Limits limits) : limits_(limits) {}
@@ -37,6 +39,8 @@ bool WorkerPool::submit(std::function<void()> task) {
 }
 
 void WorkerPool::serve(std::list<std::thread>::iterator self) {
+  // Remote operations run here: a runaway recursion in one must still leave a crash report.
+  platform::AlternateSignalStack signalStack;
   std::unique_lock lock(mutex_);
   for (;;) {
     ++idle_;
