@@ -73,7 +73,9 @@ std::string isoDate(const plist::Date& date) {
   return std::string(text) + "Z";
 }
 
-Expected<plist::Value> fromJson(const Json& json, int depth) {
+using DelegateMaker = std::function<plist::ObjectRef()>;
+
+Expected<plist::Value> fromJson(const Json& json, int depth, const DelegateMaker& delegate) {
   if (depth > kMaxDepth) {
     return Failure{"the value is nested too deeply"};
   }
@@ -98,7 +100,7 @@ Expected<plist::Value> fromJson(const Json& json, int depth) {
   case Json::value_t::array: {
     plist::Array array;
     for (const Json& item : json) {
-      auto value = fromJson(item, depth + 1);
+      auto value = fromJson(item, depth + 1, delegate);
       if (!value) {
         return value;
       }
@@ -121,9 +123,16 @@ Expected<plist::Value> fromJson(const Json& json, int depth) {
       }
       return plist::Value(*date);
     }
+    if (json.size() == 1 && json.contains("$delegate") && json["$delegate"].is_object() &&
+        json["$delegate"].empty()) {
+      if (!delegate) {
+        return Failure{"{\"$delegate\":{}} is only understood by ambrant call"};
+      }
+      return plist::Value(delegate());
+    }
     plist::Dictionary dictionary;
     for (const auto& [key, item] : json.items()) {
-      auto value = fromJson(item, depth + 1);
+      auto value = fromJson(item, depth + 1, delegate);
       if (!value) {
         return value;
       }
@@ -184,11 +193,15 @@ Json toJson(const plist::Value& value) {
 } // namespace
 
 Expected<plist::Value> valueFromJson(std::string_view text) {
+  return valueFromJson(text, nullptr);
+}
+
+Expected<plist::Value> valueFromJson(std::string_view text, const DelegateMaker& delegate) {
   Json json = Json::parse(text.begin(), text.end(), nullptr, false);
   if (json.is_discarded()) {
     return Failure{fmt::format("'{}' is not a JSON value", text)};
   }
-  return fromJson(json, 0);
+  return fromJson(json, 0, delegate);
 }
 
 std::string jsonFromValue(const plist::Value& value) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,10 @@ namespace kestrin::admin {
 // for the kinds JSON lacks: {"$data": "<base64>"}, {"$date": "<ISO 8601>"}, and on output
 // {"$error": {"domain", "code", "userInfo"}} and {"$object": "<description>"}.
 Expected<plist::Value> valueFromJson(std::string_view text);
+// The same where {"$delegate": {}} stands for a local object that the caller serves: each one
+// is what `delegate` makes. Without a maker such an argument is refused.
+Expected<plist::Value> valueFromJson(std::string_view text,
+                                     const std::function<plist::ObjectRef()>& delegate);
 // Compact, one line.
 std::string jsonFromValue(const plist::Value& value);
 
