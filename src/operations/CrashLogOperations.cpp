@@ -3,6 +3,8 @@
 
 #include "operations/CrashLogOperations.h"
 
+#include <filesystem>
+
 #include <fmt/format.h>
 
 #include "foundation/QVAuthorization.h"
@@ -308,6 +310,14 @@ CrashLogOperations::tovellGetDefinition(std::optional<std::string> path) {
 bool CrashLogOperations::tovellRemoveLogFilename(std::optional<std::string> path) {
   auto report = confinedReport(path, "tovellRemoveLogFilename:");
   if (!report) {
+    return false;
+  }
+  // Reports are files: a folder that happens to sit among them is not the caller's to remove.
+  std::error_code error;
+  auto status = std::filesystem::symlink_status(*report, error);
+  if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+    QVLog::appendLog("tovellRemoveLogFilename: refusing {}, which is not a file",
+                     printablePath(*report));
     return false;
   }
   QVFileManager::Environment environment{services_.paths, services_.tools, services_.timer.clock()};

@@ -55,7 +55,8 @@ public:
   // printed fewer lines than it was given paths, or when a path is not a report's.
   plist::Value crashLogObjectsForFiles(plist::Array files);
   std::optional<std::string> tovellGetDefinition(std::optional<std::string> path);
-  // Trashes a report of the crash-report folders.
+  // Trashes a report of the crash-report folders: a file, never a folder or a link; a report
+  // that is not there any more counts as trashed.
   bool tovellRemoveLogFilename(std::optional<std::string> path);
   void tovellSubmitCrashLog(std::optional<std::string> path, std::optional<std::string> comment);
   // Starts Tovell's LogConsolidator with the caller's administrator rights; its

@@ -366,6 +366,10 @@ TEST_F(CrashLogOperationsTest, TovellExplainsSubmitsAndTrashesOnlyReportsOfTheCr
   EXPECT_TRUE(fs::exists(outside));
   EXPECT_TRUE(fs::exists(localLogs() / "DiagnosticReports"));
 
+  fs::create_directories(localLogs() / "DiagnosticReports/Motion_2.crash");
+  EXPECT_EQ(harness.call("tovellRemoveLogFilename:",
+                         {Value((localLogs() / "DiagnosticReports/Motion_2.crash").string())}),
+            Value(false));
   EXPECT_EQ(harness.call("tovellRemoveLogFilename:", {Value(motion.string())}), Value(true));
   EXPECT_FALSE(fs::exists(motion));
   EXPECT_TRUE(fs::exists(harness.machine.home() / ".Trash/Motion_1.crash"));
