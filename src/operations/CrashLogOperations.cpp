@@ -372,6 +372,9 @@ void CrashLogOperations::consolidateCrashLogs(std::optional<plist::Dictionary> c
                                 [this] { finishConsolidation(); });
           });
         });
+    if (!consolidationFinished_) {
+      QVLog::appendLog("Notifications are off: the end of this consolidation cannot be seen");
+    }
     auto names = listRegularFiles(folders_.userCrashReportFolder());
     snapshot_.emplace();
     if (names) {
@@ -384,7 +387,12 @@ void CrashLogOperations::consolidateCrashLogs(std::optional<plist::Dictionary> c
   }
 }
 
-void CrashLogOperations::consolidateCrashLogsDidFinish(plist::Value) {
+void CrashLogOperations::consolidateCrashLogsDidFinish(const Caller& caller, plist::Value) {
+  if (caller.connection != 0) {
+    QVLog::appendLog("consolidateCrashLogsDidFinish: refused: the end of a consolidation is its "
+                     "helper's to announce");
+    return;
+  }
   finishConsolidation();
 }
 

@@ -63,9 +63,10 @@ public:
   // "QVTovellConsolidateFinished" notification ends the consolidation, and the new reports go to
   // every error callback in batches of kConsolidationBatch.
   void consolidateCrashLogs(std::optional<plist::Dictionary> credentials);
-  // The end of a consolidation. Without one under way (a stray notification, a remote caller)
-  // there is nothing new to report, and nothing is.
-  void consolidateCrashLogsDidFinish(plist::Value notification);
+  // The end of a consolidation, which its notification brings. Without one under way (a stray
+  // notification) there is nothing new to report, and nothing is. Callers over a connection are
+  // refused: one admin could otherwise cut short another's consolidation and lose its reports.
+  void consolidateCrashLogsDidFinish(const Caller& caller, plist::Value notification);
   plist::Array populateQVLogFilenames();
   // The text of one of the agent's logs or crash reports (a path populateQVLogFilenames could
   // answer); null when missing (posted), unreadable or not UTF-8.

@@ -4,6 +4,10 @@
 #include <fstream>
 #include <future>
 
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <fmt/format.h>
 
 #include <gmock/gmock.h>
@@ -66,10 +70,10 @@ class CrashLogs : public ::testing::Test {
 protected:
   CrashLogs()
       : agent({}, {}, [](const fs::path& root) {
-          // Tovell names each report by its first line.
+          // Tovell names each report by its first line, taking its time over it.
           testing::makeMakerTool(root / "Applications/Quorvane", "Tovell", "com.quorvane.Tovell",
                                  plist::Array{}, 0,
-                                 "[ \"$1\" = -cause ] || exit 0\nshift\n"
+                                 "[ \"$1\" = -cause ] || exit 0\nshift\nsleep 0.3\n"
                                  "for f in \"$@\"; do head -n 1 -- \"$f\"; done");
           fs::path reports = root.parent_path() / "home/Library/Logs/CrashReporter";
           for (int i = 0; i < 23; ++i) {
@@ -146,6 +150,53 @@ TEST_F(CrashLogs, SeveralAdminsGetTheirOwnBatchesWhileHostileCallsAreRefused) {
   EXPECT_TRUE(fs::exists(reports() / "Motion_00.crash"));
   EXPECT_TRUE(fs::is_directory(reports() / "Motion_folder.crash"));
   EXPECT_EQ(call("clientVersion", {}), Value(KESTRIN_BUNDLE_VERSION)); // still serving
+}
+
+TEST_F(CrashLogs, AnAdminThatVanishesHalfwayEndsOnlyItsOwnDelivery) {
+  // An admin whose process dies at its first batch: ambrant, killed as the batch arrives.
+  int errors[2];
+  ASSERT_EQ(::pipe(errors), 0);
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  ::posix_spawn_file_actions_adddup2(&actions, errors[1], STDERR_FILENO);
+  ::posix_spawn_file_actions_addclose(&actions, errors[0]);
+  std::string program = KESTRIN_AMBRANT_PATH;
+  std::vector<std::string> arguments{
+      program, "call", address(), "crashLogsSinceDate:delegate:", "null", "{\"$delegate\":{}}"};
+  std::vector<char*> argv;
+  for (auto& argument : arguments) {
+    argv.push_back(argument.data());
+  }
+  argv.push_back(nullptr);
+  pid_t pid = -1;
+  ASSERT_EQ(::posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ), 0);
+  ::posix_spawn_file_actions_destroy(&actions);
+  ::close(errors[1]);
+  std::string seen;
+  char c;
+  while (seen.find("delegate tovellAddLogs") == std::string::npos &&
+         ::read(errors[0], &c, 1) == 1) {
+    seen += c;
+  }
+  ::kill(pid, SIGKILL);
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  ::close(errors[0]);
+  ASSERT_NE(seen.find("delegate tovellAddLogs"), std::string::npos) << seen;
+
+  EXPECT_TRUE(testing::eventually([&] {
+    return agent.logContains("Exception in -[AppController crashLogsSinceDate:delegate:]. " +
+                             std::string(kInvalidSendPortException));
+  })) << agent.logText();
+  auto other = connect();
+  auto delegate = std::make_shared<RecordingObject>(std::set<std::string>{kAddLogs});
+  other->root()->invoke("crashLogsSinceDate:delegate:",
+                        {Value(), Value(plist::ObjectRef(delegate))});
+  EXPECT_EQ(delegate->calls().size(), 3u);
+  // The end of a consolidation is not a remote caller's to announce.
+  other->root()->invoke("consolidateCrashLogsDidFinish:", {Value()});
+  EXPECT_TRUE(agent.logContains("consolidateCrashLogsDidFinish: refused"));
+  EXPECT_FALSE(agent.logContains("Reconnecting"));
 }
 
 TEST_F(CrashLogs, AmbrantPrintsWhatItsDelegateReceivesAndSavesEveryLogOnce) {
