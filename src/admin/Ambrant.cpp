@@ -18,6 +18,8 @@
 #include "admin/JsonValue.h"
 #include "admin/PasswordPrompt.h"
 #include "admin/PluginCommands.h"
+#include "admin/PrintingDelegate.h"
+#include "admin/SavedLogs.h"
 #include "foundation/QVEncryption.h"
 #include "platform/ServiceBrowser.h"
 #include "plist/PropertyList.h"
@@ -41,10 +43,12 @@ constexpr const char* kUsage =
     "       ambrant config HOST:PORT [--xml]\n"
     "       ambrant plugins HOST:PORT\n"
     "       ambrant copy-plugin FROM:PORT TO:PORT PATH\n"
+    "       ambrant logs HOST:PORT DIR\n"
     "       ambrant encrypt-password\n"
     "       ambrant backup HOST:PORT PATH FILE\n"
     "       ambrant restore HOST:PORT FILE\n"
-    "ARG is a JSON value; {\"$data\":\"<base64>\"} is data, {\"$date\":\"<ISO 8601>\"} a date.\n"
+    "ARG is a JSON value; {\"$data\":\"<base64>\"} is data, {\"$date\":\"<ISO 8601>\"} a date,\n"
+    "{\"$delegate\":{}} a local object that prints every call it gets on standard error.\n"
     "With --user, {\"$user\":null} is NAME, {\"$password\":null} the password encrypted for\n"
     "the agent and {\"$credentials\":null} both as {\"authUser\", \"authPass\"}; the password\n"
     "is asked for on the terminal without echo, or read as one line from standard input.\n";
@@ -244,9 +248,13 @@ int call(std::vector<std::string> arguments) {
     std::cerr << kUsage;
     return kUnreachable;
   }
+  std::vector<std::shared_ptr<PrintingDelegate>> delegates;
+  auto makeDelegate = [&delegates]() -> plist::ObjectRef {
+    return delegates.emplace_back(std::make_shared<PrintingDelegate>(std::cerr));
+  };
   std::vector<plist::Value> values;
   for (std::size_t i = 2; i < arguments.size(); ++i) {
-    auto value = valueFromJson(arguments[i]);
+    auto value = valueFromJson(arguments[i], makeDelegate);
     if (!value) {
       std::cerr << "ambrant: argument " << i - 1 << ": " << value.message() << std::endl;
       return kUnreachable;
@@ -269,10 +277,56 @@ int call(std::vector<std::string> arguments) {
     std::cerr << "ambrant: " << e.name() << ": " << e.what() << std::endl;
     status = e.name() == kInvalidSendPortException ? kUnreachable : kAgentError;
   }
-  if (linger > 0) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(static_cast<long>(linger * 1000)));
+  // Deliveries to delegates and events may follow the answer; a closed connection brings none.
+  auto end = std::chrono::steady_clock::now() +
+             std::chrono::milliseconds(static_cast<long>(std::max(linger, 0.0) * 1000));
+  while (std::chrono::steady_clock::now() < end && (*session)->client->connection().isConnected()) {
+    std::this_thread::sleep_for(20ms);
   }
   return status;
+}
+
+// Saves what gatherLogs answers into DIR, one file per path, and prints a line per file saved.
+int logs(const std::vector<std::string>& arguments) {
+  if (arguments.size() != 2) {
+    std::cerr << kUsage;
+    return kUnreachable;
+  }
+  auto session = openSession(arguments[0]);
+  if (!session) {
+    std::cerr << "ambrant: " << session.message() << std::endl;
+    return kUnreachable;
+  }
+  plist::Value gathered;
+  try {
+    gathered = (*session)->client->call("gatherLogs");
+  } catch (const NamedException& e) {
+    std::cerr << "ambrant: " << e.name() << ": " << e.what() << std::endl;
+    return e.name() == kInvalidSendPortException ? kUnreachable : kAgentError;
+  }
+  if (gathered.isNull()) {
+    std::cerr << "ambrant: the agent has no logs" << std::endl;
+    return kOk;
+  }
+  const plist::Dictionary* found = gathered.asDictionary();
+  if (found == nullptr) {
+    std::cerr << "ambrant: the agent answered " << plist::kindName(gathered.kind())
+              << ", not a dictionary of logs" << std::endl;
+    return kAgentError;
+  }
+  auto report = saveLogs(
+      arguments[1], *found,
+      [](const std::string& path, const std::string& file, std::size_t bytes) {
+        std::cout << file << " (" << bytes << " bytes) from " << jsonFromValue(path) << std::endl;
+      },
+      [](const std::string& path, const std::string& why) {
+        std::cerr << "ambrant: not saved: " << jsonFromValue(path) << ": " << why << std::endl;
+      });
+  if (!report) {
+    std::cerr << "ambrant: " << report.message() << std::endl;
+    return kUnreachable;
+  }
+  return report->skipped == 0 ? kOk : kAgentError;
 }
 
 // The full configuration the agent sends to a receiver of ours, as an admin sees it on first
@@ -377,6 +431,9 @@ int ambrantMain(const std::vector<std::string>& arguments) {
   try {
     if (command == "call") {
       return call(rest);
+    }
+    if (command == "logs") {
+      return logs(rest);
     }
     if (command == "config") {
       return config(rest);

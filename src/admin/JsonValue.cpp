@@ -19,11 +19,15 @@ constexpr std::string_view kAlphabet =
 // One-key objects that stand for a kind JSON lacks.
 constexpr std::string_view kDataKey = "$data";
 constexpr std::string_view kDateKey = "$date";
+constexpr std::string_view kDelegateKey = "$delegate";
 constexpr std::string_view kDictionaryKey = "$dictionary";
+
+using DelegateMaker = std::function<plist::ObjectRef()>;
 
 class JsonReader {
 public:
-  explicit JsonReader(const plist::ReadLimits& limits) : limits_(limits) {}
+  JsonReader(const plist::ReadLimits& limits, DelegateMaker delegate)
+      : limits_(limits), delegate_(std::move(delegate)) {}
 
   Expected<plist::Value> value(const Json& json, int depth);
 
@@ -32,6 +36,7 @@ private:
   Expected<plist::Value> dictionary(const Json& json, int depth);
 
   plist::ReadLimits limits_;
+  DelegateMaker delegate_;
   std::size_t nodes_ = 0;
 };
 
@@ -114,6 +119,12 @@ Expected<plist::Value> JsonReader::value(const Json& json, int depth) {
       if (key == kDictionaryKey && item.is_object()) {
         return dictionary(item, depth);
       }
+      if (key == kDelegateKey && item.is_object() && item.empty()) {
+        if (!delegate_) {
+          return Failure{"{\"$delegate\":{}} is only understood by ambrant call"};
+        }
+        return plist::Value(delegate_());
+      }
     }
     return dictionary(json, depth);
   }
@@ -159,7 +170,7 @@ Json toJson(const plist::Value& value) {
     }
     if (dictionary.size() == 1) {
       const std::string& key = dictionary.begin()->first;
-      if (key == kDataKey || key == kDateKey || key == kDictionaryKey) {
+      if (key == kDataKey || key == kDateKey || key == kDictionaryKey || key == kDelegateKey) {
         return Json{{kDictionaryKey, std::move(object)}};
       }
     }
@@ -181,6 +192,11 @@ Json toJson(const plist::Value& value) {
 } // namespace
 
 Expected<plist::Value> valueFromJson(std::string_view text, const plist::ReadLimits& limits) {
+  return valueFromJson(text, nullptr, limits);
+}
+
+Expected<plist::Value> valueFromJson(std::string_view text, const DelegateMaker& delegate,
+                                     const plist::ReadLimits& limits) {
   if (text.size() > limits.maxBytes) {
     return Failure{fmt::format("a JSON text of {} bytes is larger than the {} a read may take",
                                text.size(), limits.maxBytes)};
@@ -191,7 +207,7 @@ Expected<plist::Value> valueFromJson(std::string_view text, const plist::ReadLim
   if (json.is_discarded()) {
     return Failure{fmt::format("'{}' is not a JSON value", text)};
   }
-  return JsonReader(limits).value(json, 0);
+  return JsonReader(limits, delegate).value(json, 0);
 }
 
 std::string jsonFromValue(const plist::Value& value) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -14,12 +15,17 @@ namespace kestrin::admin {
 // for the kinds JSON lacks: {"$data": "<base64>"}, {"$date": "<ISO 8601>"} (or a number of
 // seconds since 2001-01-01 UTC, which is how a date outside the years 1 to 9999 is written),
 // and on output {"$error": {"domain", "code", "userInfo"}} and {"$object": "<description>"}.
-// A dictionary whose one key is "$data", "$date" or "$dictionary" is written
+// A dictionary whose one key is "$data", "$date", "$delegate" or "$dictionary" is written
 // {"$dictionary": {...}}, so that it reads back as a dictionary.
 //
 // What is read is what is written: jsonFromValue of a value that valueFromJson accepted reads
 // back to the same value (dates and reals exactly).
 Expected<plist::Value> valueFromJson(std::string_view text, const plist::ReadLimits& limits = {});
+// The same where {"$delegate": {}} stands for a local object that the caller serves: each one
+// is what `delegate` makes. Without a maker such an argument is refused.
+Expected<plist::Value> valueFromJson(std::string_view text,
+                                     const std::function<plist::ObjectRef()>& delegate,
+                                     const plist::ReadLimits& limits = {});
 // Compact, one line.
 std::string jsonFromValue(const plist::Value& value);
 

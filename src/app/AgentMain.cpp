@@ -10,6 +10,7 @@
 
 #include "app/AppController.h"
 #include "app/BundleLocation.h"
+#include "app/CrashSignalHandler.h"
 #include "app/Installer.h"
 #include "app/MainLoop.h"
 #include "foundation/QVAuthorization.h"
@@ -108,6 +109,8 @@ int runAgent() {
                             bundlePath(QVLocalPaths::shared(), workspace()),
                             platform::Clock::system(), platform::ToolTable::shared(),
                             QVAuthorization::sharedController(false)});
+  CrashSignalHandler::install(
+      CrashSignalHandler::factsFor(QVLocalPaths::shared(), controller.bundle()));
   if (!controller.init()) {
     return 0;
   }

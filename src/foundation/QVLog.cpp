@@ -16,6 +16,7 @@
 
 #include "foundation/QVLocalPaths.h"
 #include "foundation/QVSysInfo.h"
+#include "foundation/RecentLogLines.h"
 #include "foundation/SerialQueue.h"
 #include "platform/AtomicFile.h"
 #include "platform/SystemFacts.h"
@@ -232,6 +233,8 @@ void QVLog::Impl::appendText(std::string_view message) {
   if (text.empty() || loggingDisabled || terminated) {
     return;
   }
+  // Kept in memory too: a crash report quotes lines the writer may not have reached.
+  RecentLogLines::shared().add(text);
   if (queue.isCurrent()) {
     // Lines the writer logs itself (the header of the fresh file at the size limit) are written
     // at once: queued, they would land behind lines meant for after them, and waiting for them

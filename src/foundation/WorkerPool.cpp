@@ -4,6 +4,8 @@
 #include <memory>
 #include <system_error>
 
+#include "platform/AlternateSignalStack.h"
+
 namespace kestrin {
 
 WorkerPool::WorkerPool(Limits limits) : limits_(limits) {}
@@ -39,6 +41,8 @@ bool WorkerPool::submit(std::function<void()> task) {
 }
 
 void WorkerPool::serve(std::list<std::thread>::iterator self) {
+  // Remote operations run here: a runaway recursion in one must still leave a crash report.
+  platform::AlternateSignalStack signalStack;
   std::unique_lock lock(mutex_);
   for (;;) {
     ++idle_;

@@ -2,6 +2,7 @@
 
 #include "operations/ConfigurationOperations.h"
 #include "operations/ControllerOperations.h"
+#include "operations/CrashLogOperations.h"
 #include "operations/CredentialOperations.h"
 #include "operations/ErrorChannelOperations.h"
 #include "operations/FeldaneOperations.h"
@@ -21,7 +22,8 @@ struct AgentOperations::Groups {
       : controller(s.agent, s.bundle), errorChannel(s.errorChannel, s.callbackRelay),
         credentials(s.credentials, s.errorChannel), tasks(s),
         configuration(s.applications, s.bundle, s.agent), lintrow(s), feldane(s), tibbet(s),
-        hembry(s), orrick(s), scallin(s), sevrin(s.paths, s.errorChannel), plugins(s) {}
+        hembry(s), orrick(s), scallin(s), sevrin(s.paths, s.errorChannel), plugins(s),
+        crashLogs(s) {}
 
   ControllerOperations controller;
   ErrorChannelOperations errorChannel;
@@ -36,6 +38,7 @@ struct AgentOperations::Groups {
   ScallinOperations scallin;
   SevrinOperations sevrin;
   PluginOperations plugins;
+  CrashLogOperations crashLogs;
 };
 
 AgentOperations::AgentOperations(const Services& services)
@@ -53,6 +56,7 @@ AgentOperations::AgentOperations(const Services& services)
   groups_->orrick.registerIn(table_);
   groups_->scallin.registerIn(table_);
   groups_->sevrin.registerIn(table_);
+  groups_->crashLogs.registerIn(table_);
 }
 
 void AgentOperations::cacheSevrinSystemInfo() {

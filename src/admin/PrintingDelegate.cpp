@@ -1,0 +1,27 @@
+#include "admin/PrintingDelegate.h"
+
+#include <mutex>
+
+#include "admin/JsonValue.h"
+
+namespace kestrin::admin {
+
+plist::Value PrintingDelegate::invoke(const std::string& selector,
+                                      std::vector<plist::Value> arguments) {
+  std::string line = "delegate ";
+  for (char c : selector) {
+    line += static_cast<unsigned char>(c) < 0x20 ? '?' : c;
+  }
+  // JSON escapes line ends, so the arguments never break the line.
+  line += " " + jsonFromValue(plist::Value(plist::Array(arguments.begin(), arguments.end())));
+  line += '\n';
+  {
+    static std::mutex writing;
+    std::lock_guard lock(writing);
+    out_ << line << std::flush;
+  }
+  ++calls_;
+  return {};
+}
+
+} // namespace kestrin::admin
