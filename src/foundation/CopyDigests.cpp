@@ -18,8 +18,15 @@ namespace {
 // How much of a destination one read-back takes: several blocks per system call, and few
 // enough that what was read is still in the processor's cache when it is digested.
 constexpr std::size_t kReadBackChunk = 256 << 10;
+// How many blocks one read-back stretch holds at most: a chunk's worth, and some more that a
+// full disk took nothing of.
+constexpr std::size_t kRunBlocks = 64;
 // How many source blocks the source digest takes before it gives their buffers back.
 constexpr std::size_t kSourceBatch = 16;
+// How many blocks wait for a sleeping digest before it is woken: one wake per read-back chunk
+// rather than one per block. Far below what holds the copying thread back, which wakes every
+// digest with work before it waits.
+constexpr std::size_t kWakeBatch = 8;
 
 } // namespace
 
@@ -67,6 +74,7 @@ CopyDigests::CopyDigests(Algorithm algorithm, std::vector<Destination> destinati
     auto lane = std::make_unique<Lane>(algorithm);
     lane->destination.emplace(std::move(destination));
     lane->buffer.reset(new std::uint8_t[kReadBackChunk]);
+    lane->run.reserve(kRunBlocks);
     lanes_.push_back(std::move(lane));
   }
   const std::size_t threads = std::min(lanes_.size(), kMaxThreads);
@@ -115,6 +123,11 @@ std::span<std::uint8_t> CopyDigests::nextBlock() {
                        [](const auto& lane) { return lane->lag <= kMaxLag; });
   };
   if (!roomy()) {
+    for (auto& lane : lanes_) {
+      if (!lane->blocks.empty() || !lane->written.empty()) {
+        wakeLane(*lane);
+      }
+    }
     copierWaiting_ = true;
     room_.wait(lock, roomy);
     copierWaiting_ = false;
@@ -124,9 +137,12 @@ std::span<std::uint8_t> CopyDigests::nextBlock() {
 
 void CopyDigests::blockRead(std::size_t bytes) {
   std::lock_guard lock(mutex_);
-  lanes_.front()->blocks.push_back(bytes);
+  Lane& lane = *lanes_.front();
+  lane.blocks.push_back(bytes);
   ++produced_;
-  wakeLane(*lanes_.front());
+  if (lane.blocks.size() >= kWakeBatch) {
+    wakeLane(lane);
+  }
 }
 
 void CopyDigests::blockWritten(std::size_t index, const Written& written) {
@@ -134,7 +150,9 @@ void CopyDigests::blockWritten(std::size_t index, const Written& written) {
   Lane& lane = *lanes_.at(index + 1);
   lane.written.push_back(written);
   lane.lag += written.bytes;
-  wakeLane(lane);
+  if (lane.written.size() >= kWakeBatch) {
+    wakeLane(lane);
+  }
 }
 
 CopyDigests::Digests CopyDigests::finish() {
@@ -220,8 +238,9 @@ bool CopyDigests::stepDestination(Lane& lane, std::unique_lock<std::mutex>& lock
   std::size_t length = 0;
   while (!lane.written.empty()) {
     const Written& next = lane.written.front();
-    if (!lane.run.empty() && (next.position != lane.run.back().position + lane.run.back().bytes ||
-                              length + next.bytes > kReadBackChunk)) {
+    if (!lane.run.empty() &&
+        (next.position != lane.run.back().position + lane.run.back().bytes ||
+         length + next.bytes > kReadBackChunk || lane.run.size() == kRunBlocks)) {
       break;
     }
     length += next.bytes;

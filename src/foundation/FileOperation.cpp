@@ -47,9 +47,12 @@ void FileOperation::run() {
     error = folder ? copyFolder(done) : copyFile(done);
   } catch (const std::bad_alloc&) {
     error = ENOMEM;
+  } catch (const std::exception&) {
+    error = EIO;
   }
   completed_ = true;
   report(kStageComplete, done, error);
+  delegate_.reset();
 }
 
 int FileOperation::copyFile(std::uint64_t& done) {

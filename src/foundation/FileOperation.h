@@ -66,7 +66,8 @@ private:
   const std::string source_;
   const std::string destination_;
   const plist::Dictionary settings_;
-  const std::shared_ptr<FileCopyDelegate> delegate_;
+  // Let go once the last stage is handed over: a delegate may keep the handle.
+  std::shared_ptr<FileCopyDelegate> delegate_;
   platform::Clock::TimePoint started_{};
   std::uint64_t total_ = 0;
   std::atomic<bool> cancelled_{false};

@@ -46,9 +46,10 @@ public:
   virtual std::optional<StreamStatus> status() const = 0;
 };
 
-// Opens the streams of a copy. Only regular files are opened (following a link named as the
-// path): a pipe or a device would never end or never answer. Null when the file cannot be
-// opened, with errno saying why.
+// Opens the streams of a copy. Only regular files are opened: a pipe or a device would never
+// end or never answer. A source named by a link is read where the link points; a link where a
+// destination is named is refused, never written through, so that a copy writes only the files
+// it names. Null when the file cannot be opened, with errno saying why.
 class FileStreams {
 public:
   virtual ~FileStreams() = default;
@@ -57,7 +58,7 @@ public:
   // For writing and reading back; created (mode 0666 less the umask) when missing, otherwise
   // left as it is until truncate(), so that a caller can first check which file it opened.
   virtual std::unique_ptr<FileStream> openForUpdate(const std::string& path) = 0;
-  // The same, but only when nothing is at the path yet (a link there is not followed).
+  // The same, but only when nothing is at the path yet.
   virtual std::unique_ptr<FileStream> createForUpdate(const std::string& path) = 0;
 
   // The machine's own files.

@@ -117,7 +117,7 @@ public:
     return streamOf(std::move(fd));
   }
   std::unique_ptr<FileStream> openForUpdate(const std::string& path) override {
-    return streamOf(openRegular(path, O_RDWR | O_CREAT));
+    return streamOf(openRegular(path, O_RDWR | O_CREAT | O_NOFOLLOW));
   }
   std::unique_ptr<FileStream> createForUpdate(const std::string& path) override {
     return streamOf(openRegular(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW));

@@ -353,7 +353,8 @@ TEST_F(QVFileCopierTest, DestinationsThatCannotOrMustNotBeWrittenAreRefusedBefor
   const std::string digest = sha1OfFile(work / "source");
   writeText(work / "kept", "kept");
   fs::create_directories(work / "folder");
-  fs::create_symlink(work / "source", work / "alias");
+  fs::create_hard_link(work / "source", work / "same");
+  fs::create_symlink(work / "kept", work / "alias");
   writeText(work / "locked", "locked");
   const bool root = ::geteuid() == 0;
   // Root writes whatever the permissions say: a locked file is what it cannot write.
@@ -361,7 +362,9 @@ TEST_F(QVFileCopierTest, DestinationsThatCannotOrMustNotBeWrittenAreRefusedBefor
                    : ::chmod(at("locked").c_str(), 0444) == 0);
 
   auto delegate = std::make_shared<RecordingDelegate>(kCopyMessages);
-  for (const char* refused : {"folder", "source", "alias", "locked"}) {
+  // A folder; the source under its own name and another; a link, never written through; and a
+  // file that cannot be written.
+  for (const char* refused : {"folder", "source", "same", "alias", "locked"}) {
     EXPECT_FALSE(copy(at("source"), {at("kept"), at(refused)}, Type::SHA1, delegate)) << refused;
     EXPECT_TRUE(printed("Error: Unable to open destination file " + at(refused) +
                         ". Aborting copy process..."))
