@@ -53,6 +53,83 @@ bool sameFile(const std::optional<platform::StreamStatus>& a,
   return a && b && a->device == b->device && a->inode == b->inode;
 }
 
+// Every destination opened and recognised before any is emptied: one that is the source under
+// another name would otherwise be emptied before it was read. Nullopt after the console line.
+std::optional<std::vector<Target>>
+openTargets(platform::FileStreams& streams, const std::vector<std::string>& destinations,
+            const std::optional<platform::StreamStatus>& source) {
+  std::vector<Target> targets;
+  for (const std::string& destination : destinations) {
+    auto stream = streams.openForUpdate(destination);
+    if (!stream || sameFile(stream->status(), source)) {
+      QVLog::console("Error: Unable to open destination file {}. Aborting copy process...",
+                     printable(destination));
+      return std::nullopt;
+    }
+    targets.push_back({destination, std::move(stream)});
+  }
+  for (Target& target : targets) {
+    if (target.stream->truncate() != 0) {
+      QVLog::console("Error: Unable to open destination file {}. Aborting copy process...",
+                     printable(target.path));
+      return std::nullopt;
+    }
+  }
+  return targets;
+}
+
+// One block to every destination in turn; the digests learn what each took. A destination
+// that takes less is reported and written on from where it stopped, as a stream would be.
+void writeBlock(std::span<const std::uint8_t> bytes, std::uint64_t copiedBefore,
+                std::vector<Target>& targets, CopyDigests* digests) {
+  for (std::size_t i = 0; i < targets.size(); ++i) {
+    Target& target = targets[i];
+    const platform::Transfer put = target.stream->writeAt(target.position, bytes);
+    if (put.bytes < bytes.size()) {
+      target.streamError = true;
+      // The stream's error indicator, which a short write always sets.
+      QVLog::console("Error writing file {}: {}", printable(target.path), 1);
+    }
+    if (digests != nullptr) {
+      digests->blockWritten(
+          i, {copiedBefore, bytes.size(), target.position, put.bytes, target.streamError});
+    }
+    target.position += put.bytes;
+  }
+}
+
+// The digests into the settings; each destination whose digest differs from the source's to
+// the delegate, its digest in the settings while it is reported.
+void reportVerification(const CopyDigests::Digests& sums,
+                        const std::vector<std::string>& destinations, plist::Dictionary& settings,
+                        FileCopyDelegate* delegate) {
+  settings.set("sourceChecksum", sums.source);
+  plist::Array checksums;
+  for (std::size_t i = 0; i < destinations.size(); ++i) {
+    const std::string& checksum = sums.destinations[i];
+    checksums.push_back(checksum);
+    if (checksum != sums.source && delegate != nullptr &&
+        delegate->respondsTo(Message::VerificationFailed)) {
+      settings.set("destChecksum", checksum);
+      delegate->fileCopyVerificationFailed(settings, destinations[i]);
+    }
+  }
+  settings.set("destChecksums", std::move(checksums));
+}
+
+void copyAttributes(const std::string& source, const std::vector<std::string>& destinations) {
+  auto attributes = FileAttributes::read(source);
+  if (!attributes) {
+    QVLog::console("Error getting metadata for file {}", printable(source));
+    return;
+  }
+  for (const std::string& destination : destinations) {
+    if (!attributes->applyTo(destination)) {
+      QVLog::console("Error setting metadata for file {}", printable(destination));
+    }
+  }
+}
+
 } // namespace
 
 QVFileCopier::QVFileCopier(Environment environment) : environment_(std::move(environment)) {}
@@ -116,25 +193,9 @@ bool QVFileCopier::copyFileWithProgress(const std::string& source,
   }
   const auto sourceStatus = input->status();
   const std::uint64_t sourceSize = sourceStatus ? sourceStatus->size : 0;
-
-  // Every destination is opened and recognised before any is emptied: one that is the source
-  // itself, under any name, would otherwise be emptied before it was read.
-  std::vector<Target> targets;
-  for (const std::string& destination : destinations) {
-    auto stream = environment_.streams.openForUpdate(destination);
-    if (!stream || sameFile(stream->status(), sourceStatus)) {
-      QVLog::console("Error: Unable to open destination file {}. Aborting copy process...",
-                     printable(destination));
-      return false;
-    }
-    targets.push_back({destination, std::move(stream)});
-  }
-  for (Target& target : targets) {
-    if (target.stream->truncate() != 0) {
-      QVLog::console("Error: Unable to open destination file {}. Aborting copy process...",
-                     printable(target.path));
-      return false;
-    }
+  auto targets = openTargets(environment_.streams, destinations, sourceStatus);
+  if (!targets) {
+    return false;
   }
 
   // Declared after the streams, so that its threads stop reading them before they close.
@@ -145,7 +206,7 @@ bool QVFileCopier::copyFileWithProgress(const std::string& source,
       plainBlock.resize(kBlockSize);
     } else {
       std::vector<CopyDigests::Destination> readBacks;
-      for (Target& target : targets) {
+      for (Target& target : *targets) {
         readBacks.push_back({target.path, *target.stream});
       }
       digests = std::make_unique<CopyDigests>(verificationType == VerificationType::MD5
@@ -153,10 +214,7 @@ bool QVFileCopier::copyFileWithProgress(const std::string& source,
                                                   : CopyDigests::Algorithm::SHA1,
                                               std::move(readBacks));
     }
-  } catch (const std::bad_alloc&) {
-    QVLog::console("Error copying file {} - out of memory", printable(source));
-    return false;
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) { // no memory for the blocks, or no thread for the digests
     QVLog::console("Error copying file {} - out of memory", printable(source));
     return false;
   }
@@ -170,37 +228,21 @@ bool QVFileCopier::copyFileWithProgress(const std::string& source,
     if (got.bytes == 0) {
       QVLog::console("{} returned 0 bytes", printable(source));
     } else {
-      const auto bytes = block.first(got.bytes);
       if (digests) {
         digests->blockRead(got.bytes);
       }
-      for (std::size_t i = 0; i < targets.size(); ++i) {
-        Target& target = targets[i];
-        const platform::Transfer put = target.stream->writeAt(target.position, bytes);
-        if (put.bytes < got.bytes) {
-          target.streamError = true;
-          QVLog::console("Error writing file {}: {}", printable(target.path),
-                         target.streamError ? 1 : 0);
-        }
-        if (digests) {
-          digests->blockWritten(i,
-                                {total, got.bytes, target.position, put.bytes, target.streamError});
-        }
-        target.position += put.bytes;
-      }
+      writeBlock(block.first(got.bytes), total, *targets, digests.get());
     }
     total += got.bytes;
     if (total - lastReport >= kReportInterval) {
       lastReport = total;
-      if (delegate) {
-        if (delegate->respondsTo(Message::BytesWritten)) {
-          delegate->fileCopyBytesWritten(total, settings);
-        }
-        if (delegate->respondsTo(Message::ShouldContinue) &&
-            !delegate->fileCopyShouldContinue(settings)) {
-          cancelled = true;
-          break;
-        }
+      if (delegate && delegate->respondsTo(Message::BytesWritten)) {
+        delegate->fileCopyBytesWritten(total, settings);
+      }
+      if (delegate && delegate->respondsTo(Message::ShouldContinue) &&
+          !delegate->fileCopyShouldContinue(settings)) {
+        cancelled = true;
+        break;
       }
     }
     // A short block is the end of the source, or a read that failed: either way the last.
@@ -215,7 +257,7 @@ bool QVFileCopier::copyFileWithProgress(const std::string& source,
   }
   digests.reset();
   input.reset();
-  targets.clear();
+  targets.reset();
   if (cancelled) {
     return false;
   }
@@ -226,33 +268,10 @@ bool QVFileCopier::copyFileWithProgress(const std::string& source,
   if (delegate && delegate->respondsTo(Message::BytesWritten)) {
     delegate->fileCopyBytesWritten(total, settings);
   }
-
   if (sums) {
-    settings.set("sourceChecksum", sums->source);
-    plist::Array checksums;
-    for (std::size_t i = 0; i < destinations.size(); ++i) {
-      const std::string& checksum = sums->destinations[i];
-      checksums.push_back(checksum);
-      if (checksum != sums->source && delegate &&
-          delegate->respondsTo(Message::VerificationFailed)) {
-        settings.set("destChecksum", checksum);
-        delegate->fileCopyVerificationFailed(settings, destinations[i]);
-      }
-    }
-    settings.set("destChecksums", std::move(checksums));
+    reportVerification(*sums, destinations, settings, delegate.get());
   }
-
-  auto attributes = FileAttributes::read(source);
-  if (!attributes) {
-    QVLog::console("Error getting metadata for file {}", printable(source));
-  } else {
-    for (const std::string& destination : destinations) {
-      if (!attributes->applyTo(destination)) {
-        QVLog::console("Error setting metadata for file {}", printable(destination));
-      }
-    }
-  }
-
+  copyAttributes(source, destinations);
   if (delegate && delegate->respondsTo(Message::Finished)) {
     delegate->fileCopyFinished(settings);
   }
