@@ -37,6 +37,8 @@ using Type = QVFileCopier::VerificationType;
 using Names = std::vector<std::string>;
 
 constexpr std::uint64_t kMiB = 1 << 20;
+// Just past the first progress report.
+constexpr std::uint64_t kPastFirstReport = 40 * kMiB + 64 * 1024;
 const std::vector<Message> kCopyMessages = {Message::BytesWritten, Message::ShouldContinue,
                                             Message::VerificationFailed, Message::Finished};
 
@@ -238,7 +240,7 @@ TEST_F(QVFileCopierTest, ReportsEveryFortyMebibytesAndOnceAtTheEndWithMatchingDi
 }
 
 TEST_F(QVFileCopierTest, ADelegateThatSaysStopEndsTheCopyWithoutAnotherWord) {
-  writeNoise(work / "source", 48 * kMiB);
+  writeNoise(work / "source", kPastFirstReport);
   auto delegate = std::make_shared<RecordingDelegate>(kCopyMessages);
   delegate->keepGoing = false;
   EXPECT_FALSE(copy(at("source"), {at("copy")}, Type::SHA1, delegate));
@@ -326,7 +328,7 @@ TEST_F(QVFileCopierTest, ADestinationCorruptedBeforeItsReadBackFailsVerification
 
 TEST_F(QVFileCopierTest, ASourceThatShrinksOrStopsReadingIsAShortCopy) {
   // Cut down by another program while it is being copied.
-  writeNoise(work / "shrinks", 48 * kMiB);
+  writeNoise(work / "shrinks", kPastFirstReport);
   auto delegate = std::make_shared<RecordingDelegate>(kCopyMessages);
   delegate->onBytesWritten = [&](std::uint64_t) { fs::resize_file(work / "shrinks", kMiB); };
   EXPECT_FALSE(copy(at("shrinks"), {at("copy")}, Type::SHA1, delegate));
@@ -385,7 +387,7 @@ TEST_F(QVFileCopierTest, DestinationsThatCannotOrMustNotBeWrittenAreRefusedBefor
 }
 
 TEST_F(QVFileCopierTest, MisbehavingDelegatesStopTheCopyAndLeaveNothingOpen) {
-  writeNoise(work / "source", 48 * kMiB);
+  writeNoise(work / "source", kPastFirstReport);
   const std::set<std::string> copySelectors = {
       "fileCopyBytesWritten:settings:", "fileCopyShouldContinue:",
       "fileCopyVerificationFailed:file:", "fileCopyFinished:"};
