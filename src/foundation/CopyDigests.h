@@ -31,8 +31,8 @@ public:
   enum class Algorithm { MD5, SHA1 };
 
   static constexpr std::size_t kBlockSize = 32768;
-  static constexpr std::size_t kBlocks = 256;
-  static constexpr std::uint64_t kMaxLag = 8 << 20;
+  static constexpr std::size_t kBlocks = 128;
+  static constexpr std::uint64_t kMaxLag = 4 << 20;
   static constexpr std::size_t kMaxThreads = 8;
 
   // A destination to read back: its path for the failure lines, and its stream, which must

@@ -42,9 +42,10 @@ void FileOperation::run() {
   std::uint64_t done = 0;
   int error = 0;
   try {
-    const bool folder =
-        QVFileManager::isDirectoryAtPath(source_) && !QVFileManager::isSymbolicLinkAtPath(source_);
-    error = folder ? copyFolder(done) : copyFile(done);
+    // An object copy takes a link as a link and a folder with everything in it.
+    const bool whole =
+        QVFileManager::isSymbolicLinkAtPath(source_) || QVFileManager::isDirectoryAtPath(source_);
+    error = whole ? copyWhole(done) : copyFile(done);
   } catch (const std::bad_alloc&) {
     error = ENOMEM;
   } catch (const std::exception&) {
@@ -104,13 +105,13 @@ int FileOperation::copyFile(std::uint64_t& done) {
   return error;
 }
 
-int FileOperation::copyFolder(std::uint64_t& done) {
+int FileOperation::copyWhole(std::uint64_t& done) {
   total_ = QVFileManager::fileSize(source_);
   report(kStageRunning, 0, 0);
   if (cancelled_) {
     return ECANCELED;
   }
-  // The tree goes in one piece: a failed copy removes what it made.
+  // In one piece, without a status on the way: a failed copy removes what it made.
   if (!FileTree::copyItem(source_, destination_)) {
     return EIO;
   }

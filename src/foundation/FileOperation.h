@@ -15,14 +15,14 @@
 
 namespace kestrin {
 
-// One asynchronous copy of a file or a folder, and the handle its delegate receives with each
-// stage: as an object it can travel to a remote delegate, which may hand it back to
+// One asynchronous copy of a file, a folder or a link, and the handle its delegate receives
+// with each stage: as an object it can travel to a remote delegate, which may hand it back to
 // QVFileCopier::cancelFileOperation. It answers no messages of its own.
 //
 // run() copies on the calling thread and reports its stages through `deliver`: "running" (2)
-// when the copy starts and then at most once per kStatusInterval of the clock, "complete" (3)
-// once at the end, whatever the outcome. Each status is the settings dictionary ("stage" first)
-// with these entries added:
+// when the copy starts and then at most once per kStatusInterval of the clock while a file's
+// bytes go over, "complete" (3) once at the end, whatever the outcome. A folder or a link goes
+// in one piece, by FileTree. Each status is the settings dictionary ("stage" first) with:
 //   "TotalBytes", "BytesCompleted", "BytesRemaining", "Throughput" (bytes per second so far),
 //   and at the end of a copy that failed or was cancelled "Error" (the errno; ECANCELED).
 // A copy that does not complete leaves nothing at the destination. The destination must not
@@ -59,7 +59,7 @@ public:
 private:
   // Answers the errno of a failure, 0 on success.
   int copyFile(std::uint64_t& done);
-  int copyFolder(std::uint64_t& done);
+  int copyWhole(std::uint64_t& done);
   void report(int stage, std::uint64_t done, int error);
 
   const Environment environment_;
