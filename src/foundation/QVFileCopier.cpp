@@ -6,7 +6,9 @@
 #include <system_error>
 #include <utility>
 
-#include "foundation/CopyDigests.h"
+#include <fmt/format.h>
+
+#include "foundation/CopyLanes.h"
 #include "foundation/FileAttributes.h"
 #include "foundation/FileTree.h"
 #include "foundation/QVLog.h"
@@ -17,17 +19,16 @@ namespace {
 
 using Message = FileCopyDelegate::Message;
 
+static_assert(QVFileCopier::kBlockSize == CopyLanes::kBlockSize);
+
 std::string printable(const std::string& path) {
   return QVFileManager::printable(path);
 }
 
-// One destination of a streaming copy: where its next block goes, and whether a write to it
-// has failed (the stream's error indicator).
+// One destination of a streaming copy, open.
 struct Target {
   std::string path;
   std::unique_ptr<platform::FileStream> stream;
-  std::uint64_t position = 0;
-  bool streamError = false;
 };
 
 plist::Dictionary settingsFor(const std::string& source, const char* destinationKey,
@@ -78,29 +79,9 @@ openTargets(platform::FileStreams& streams, const std::vector<std::string>& dest
   return targets;
 }
 
-// One block to every destination in turn; the digests learn what each took. A destination
-// that takes less is reported and written on from where it stopped, as a stream would be.
-void writeBlock(std::span<const std::uint8_t> bytes, std::uint64_t copiedBefore,
-                std::vector<Target>& targets, CopyDigests* digests) {
-  for (std::size_t i = 0; i < targets.size(); ++i) {
-    Target& target = targets[i];
-    const platform::Transfer put = target.stream->writeAt(target.position, bytes);
-    if (put.bytes < bytes.size()) {
-      target.streamError = true;
-      // The stream's error indicator, which a short write always sets.
-      QVLog::console("Error writing file {}: {}", printable(target.path), 1);
-    }
-    if (digests != nullptr) {
-      digests->blockWritten(
-          i, {copiedBefore, bytes.size(), target.position, put.bytes, target.streamError});
-    }
-    target.position += put.bytes;
-  }
-}
-
 // The digests into the settings; each destination whose digest differs from the source's to
 // the delegate, its digest in the settings while it is reported.
-void reportVerification(const CopyDigests::Digests& sums,
+void reportVerification(const CopyLanes::Digests& sums,
                         const std::vector<std::string>& destinations, plist::Dictionary& settings,
                         FileCopyDelegate* delegate) {
   settings.set("sourceChecksum", sums.source);
@@ -198,23 +179,19 @@ bool QVFileCopier::copyFileWithProgress(const std::string& source,
     return false;
   }
 
-  // Declared after the streams, so that its threads stop reading them before they close.
-  std::unique_ptr<CopyDigests> digests;
-  std::vector<std::uint8_t> plainBlock;
+  // Declared after the streams, so that its threads stop using them before they close.
+  std::unique_ptr<CopyLanes> lanes;
   try {
-    if (verificationType == VerificationType::None) {
-      plainBlock.resize(kBlockSize);
-    } else {
-      std::vector<CopyDigests::Destination> readBacks;
-      for (Target& target : *targets) {
-        readBacks.push_back({target.path, *target.stream});
-      }
-      digests = std::make_unique<CopyDigests>(verificationType == VerificationType::MD5
-                                                  ? CopyDigests::Algorithm::MD5
-                                                  : CopyDigests::Algorithm::SHA1,
-                                              std::move(readBacks));
+    std::vector<CopyLanes::Destination> outputs;
+    for (Target& target : *targets) {
+      outputs.push_back({target.path, *target.stream});
     }
-  } catch (const std::exception&) { // no memory for the blocks, or no thread for the digests
+    lanes = std::make_unique<CopyLanes>(
+        verificationType == VerificationType::MD5    ? CopyLanes::Algorithm::MD5
+        : verificationType == VerificationType::SHA1 ? CopyLanes::Algorithm::SHA1
+                                                     : CopyLanes::Algorithm::None,
+        std::move(outputs));
+  } catch (const std::exception&) { // no memory for the blocks, or no thread for the lanes
     QVLog::console("Error copying file {} - out of memory", printable(source));
     return false;
   }
@@ -223,26 +200,28 @@ bool QVFileCopier::copyFileWithProgress(const std::string& source,
   std::uint64_t lastReport = 0;
   bool cancelled = false;
   for (;;) {
-    std::span<std::uint8_t> block = digests ? digests->nextBlock() : std::span(plainBlock);
+    const std::span<std::uint8_t> block = lanes->nextBlock();
     const platform::Transfer got = input->read(block);
     if (got.bytes == 0) {
-      QVLog::console("{} returned 0 bytes", printable(source));
+      lanes->note(fmt::format("{} returned 0 bytes", printable(source)));
     } else {
-      if (digests) {
-        digests->blockRead(got.bytes);
-      }
-      writeBlock(block.first(got.bytes), total, *targets, digests.get());
+      lanes->blockRead(got.bytes);
     }
     total += got.bytes;
     if (total - lastReport >= kReportInterval) {
       lastReport = total;
-      if (delegate && delegate->respondsTo(Message::BytesWritten)) {
-        delegate->fileCopyBytesWritten(total, settings);
-      }
-      if (delegate && delegate->respondsTo(Message::ShouldContinue) &&
-          !delegate->fileCopyShouldContinue(settings)) {
-        cancelled = true;
-        break;
+      if (delegate) {
+        // What the delegate may look at is as a copy in step would have left it: every block
+        // so far on every destination, and every console line so far printed.
+        lanes->drain();
+        if (delegate->respondsTo(Message::BytesWritten)) {
+          delegate->fileCopyBytesWritten(total, settings);
+        }
+        if (delegate->respondsTo(Message::ShouldContinue) &&
+            !delegate->fileCopyShouldContinue(settings)) {
+          cancelled = true;
+          break;
+        }
       }
     }
     // A short block is the end of the source, or a read that failed: either way the last.
@@ -251,11 +230,11 @@ bool QVFileCopier::copyFileWithProgress(const std::string& source,
     }
   }
 
-  std::optional<CopyDigests::Digests> sums;
-  if (digests && !cancelled) {
-    sums = digests->finish();
+  std::optional<CopyLanes::Digests> sums;
+  if (!cancelled) {
+    sums = lanes->finish();
   }
-  digests.reset();
+  lanes.reset();
   input.reset();
   targets.reset();
   if (cancelled) {
@@ -268,7 +247,7 @@ bool QVFileCopier::copyFileWithProgress(const std::string& source,
   if (delegate && delegate->respondsTo(Message::BytesWritten)) {
     delegate->fileCopyBytesWritten(total, settings);
   }
-  if (sums) {
+  if (verificationType != VerificationType::None) {
     reportVerification(*sums, destinations, settings, delegate.get());
   }
   copyAttributes(source, destinations);

@@ -20,14 +20,15 @@ namespace kestrin {
 // The file manager's two copies that report to a delegate as they go (FileCopyDelegate).
 //
 // The streaming copy reads its source once, in kBlockSize blocks, and writes every block to
-// each destination in turn. With verification it reads every written block back into that
+// each destination. With verification it reads every written block back into that
 // destination's digest (MD5 or SHA-1), so a destination's digest checks what landed on it, not
 // what was sent; at the end each destination's digest is compared with the source's. It runs
 // on the caller's thread and calls the delegate there: "fileCopyBytesWritten:settings:" each
 // time kReportInterval more bytes were read, each followed by "fileCopyShouldContinue:" (false
 // cancels), one final report, "fileCopyVerificationFailed:file:" per destination that differs,
-// and "fileCopyFinished:". Digests are worked out on threads beside the copying one
-// (CopyDigests); the messages, their order and the results are those of digesting in step.
+// and "fileCopyFinished:". The writes, read-backs and digests run on threads beside the reading
+// one (CopyLanes), yet the messages, their order, the results and the console lines are those
+// of a copy doing it all in step.
 //
 // The asynchronous copy (the "Old" one) copies one file or folder on a thread of the copier's
 // own and hands each stage to the executor given at construction (the app's main loop), never
