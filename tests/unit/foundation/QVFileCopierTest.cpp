@@ -215,6 +215,12 @@ TEST_F(QVFileCopierTest, ReportsEveryFortyMebibytesAndOnceAtTheEndWithMatchingDi
   const auto modified = fs::last_write_time(work / "clip.mov") - 24h;
   fs::last_write_time(work / "clip.mov", modified);
   auto delegate = std::make_shared<RecordingDelegate>(kCopyMessages);
+  // Whatever runs beside the reader, each report finds everything read so far written.
+  std::vector<std::pair<std::uintmax_t, std::uintmax_t>> sizes;
+  delegate->onBytesWritten = [&](std::uint64_t) {
+    sizes.emplace_back(fs::file_size(work / "work/clip.mov"),
+                       fs::file_size(work / "backup/clip.mov"));
+  };
   ASSERT_TRUE(
       copy(at("clip.mov"), {at("work/clip.mov"), at("backup/clip.mov")}, Type::SHA1, delegate));
 
@@ -227,6 +233,8 @@ TEST_F(QVFileCopierTest, ReportsEveryFortyMebibytesAndOnceAtTheEndWithMatchingDi
   EXPECT_EQ(calls[0].total, 40 * kMiB);
   EXPECT_EQ(calls[2].total, 80 * kMiB);
   EXPECT_EQ(calls[4].total, 100 * kMiB);
+  EXPECT_EQ(sizes, (decltype(sizes){
+                       {40 * kMiB, 40 * kMiB}, {80 * kMiB, 80 * kMiB}, {100 * kMiB, 100 * kMiB}}));
   const std::string digest = sha1OfFile(work / "clip.mov");
   const plist::Dictionary& settings = calls[5].settings;
   EXPECT_EQ(*settings.find("sourceChecksum"), plist::Value(digest));
