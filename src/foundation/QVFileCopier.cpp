@@ -1,6 +1,5 @@
 #include "foundation/QVFileCopier.h"
 
-#include <new>
 #include <optional>
 #include <span>
 #include <system_error>
