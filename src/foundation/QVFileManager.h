@@ -40,6 +40,8 @@ class ToolTable;
 // until its end state shows or the time is up. Walks never enter a link to a folder, never enter
 // a folder twice and stop at FileTree::kDepthLimit.
 //
+// The copies that report their progress to a delegate are QVFileCopier's.
+//
 // Paths are byte strings: names with new lines, colons or bytes that are not UTF-8 are handled
 // like any other, and written to the log with such characters escaped.
 class QVFileManager {
@@ -258,6 +260,8 @@ public:
                             const std::optional<std::string>& base = std::nullopt,
                             bool searchSubdirs = false);
   static constexpr std::size_t kWildcardMatchLimit = 1'000'000;
+  // A path fit for one log line: control characters and bytes that are not UTF-8 escaped.
+  static std::string printable(std::string_view path);
 
   // ---- Formatting, creating, touching, waiting, hashing
 
@@ -293,8 +297,6 @@ private:
   static bool pollUntil(const Environment& environment, Timeout timeout, EndState&& endState);
   // Moves into the trash without unlocking or escalating.
   static bool recycle(const std::string& path, const Environment& environment);
-  // A path fit for one log line: control characters and bytes that are not UTF-8 escaped.
-  static std::string printable(std::string_view path);
 };
 
 } // namespace kestrin
