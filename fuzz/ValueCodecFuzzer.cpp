@@ -3,11 +3,9 @@
 // capability pointers refer to a small table of broken capabilities, so that object values are
 // exercised too.
 //
-// Read with the connection's reader options but a smaller traversal limit. Under the
-// connection's own limit a 40-byte message may claim millions of elements of size zero, each
-// decoded into a value (corpus/value_codec/finding-zero-size-list.bin, the case of the decoder's
-// per-call budget, which is to come); one such input would take the fuzzer seconds and a
-// gigabyte. When the decoder charges that budget, read with connectionReaderOptions() itself.
+// Read with the connection's own reader options and a call's decode budget, as the server reads
+// a call: a 40-byte message that claims millions of elements of size zero
+// (corpus/value_codec/finding-zero-size-list.bin) must be refused by the budget, not decoded.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -19,6 +17,7 @@
 #include <kj/timer.h>
 
 #include "FuzzSupport.h"
+#include "foundation/WorkerPool.h"
 #include "transport/ConnectionState.h"
 #include "transport/ValueCodec.h"
 
@@ -30,6 +29,7 @@ struct Loop {
   kj::EventLoop loop;
   kj::WaitScope waitScope{loop};
   kj::TimerImpl timer{kj::origin<kj::TimePoint>()};
+  WorkerPool workers;
 };
 
 kj::Array<kj::Maybe<kj::Own<capnp::ClientHook>>> brokenCapabilities() {
@@ -40,30 +40,28 @@ kj::Array<kj::Maybe<kj::Own<capnp::ClientHook>>> brokenCapabilities() {
   return table.finish();
 }
 
-// Eight times the largest input the fuzzer writes.
-constexpr std::uint64_t kTraversalWords = 1 << 16;
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static Loop loop;
-  auto state = std::make_shared<transport::ConnectionState>(kj::getCurrentThreadExecutor().addRef(),
-                                                            loop.timer);
+  auto state = std::make_shared<transport::ConnectionState>(
+      kj::getCurrentThreadExecutor().addRef(), loop.timer, loop.workers,
+      plist::RemoteObject::Caller{"fuzzer", 1});
   auto words = kj::heapArray<capnp::word>(size / sizeof(capnp::word));
   std::memcpy(words.begin(), data, words.asBytes().size());
   try {
-    capnp::ReaderOptions options = transport::connectionReaderOptions();
-    options.traversalLimitInWords = kTraversalWords;
-    capnp::FlatArrayMessageReader message(words, options);
+    capnp::FlatArrayMessageReader message(words, transport::connectionReaderOptions());
     capnp::ReaderCapabilityTable readTable(brokenCapabilities());
     auto root = readTable.imbue(message.getRoot<transport::wire::Value>());
-    plist::Value value = transport::decodeValue(root, *state);
+    auto budget = transport::DecodeBudget::forCall(*state);
+    plist::Value value = transport::decodeValue(root, *state, budget);
 
     capnp::MallocMessageBuilder out;
     capnp::BuilderCapabilityTable writeTable;
     auto built = writeTable.imbue(out.initRoot<transport::wire::Value>());
     transport::encodeValue(value, built, *state);
-    fuzz::requireSame(value, transport::decodeValue(built.asReader(), *state),
+    auto again = transport::DecodeBudget::forCall(*state);
+    fuzz::requireSame(value, transport::decodeValue(built.asReader(), *state, again),
                       "a wire round trip changed the value");
   } catch (const kj::Exception&) {
     // A malformed message: Cap'n Proto's own refusal.

@@ -347,8 +347,9 @@ Expected<void> FileTree::removeItem(const std::string& path) {
   if (!isItemName(name)) {
     return Failure{path + ": not an item that can be removed"};
   }
+  const char* folderPath = parent.c_str(); // clang 14 cannot capture a structured binding
   FileDescriptor folder(
-      retryOnEintr([&] { return ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+      retryOnEintr([&] { return ::open(folderPath, O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
   if (!folder) {
     return failed(path);
   }

@@ -19,8 +19,10 @@ public:
 } // namespace
 
 Clock& Clock::system() {
-  static SystemClock clock;
-  return clock;
+  // Never destroyed: process-lifetime threads (the default timer's) read it while the process
+  // exits.
+  static SystemClock* clock = new SystemClock;
+  return *clock;
 }
 
 void Clock::sleepFor(Duration duration) const {
