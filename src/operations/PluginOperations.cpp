@@ -482,7 +482,7 @@ std::optional<std::string> PluginOperations::subdirForPluginPath(std::optional<s
     path.erase(0, disabled.size());
   }
   if (!path.starts_with("/")) {
-    path.insert(0, "/");
+    path = "/" + path; // not insert(0, ...): g++ 12 warns wrongly of overlapping copies there
   } else if (path.starts_with("//")) {
     path.erase(0, 1);
   }
