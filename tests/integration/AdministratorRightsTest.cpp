@@ -3,6 +3,7 @@
 // and as root, where the helper still checks every caller's credentials. Needs root to create
 // the throwaway accounts and to install the helper setuid.
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <future>
@@ -84,15 +85,29 @@ std::string memoryHolding(pid_t pid, const std::string& text) {
         permissions[0] != 'r' || line.find("[vvar]") != std::string::npos) {
       continue;
     }
-    std::string bytes(end - begin, '\0');
-    ssize_t got = ::pread(memory, bytes.data(), bytes.size(), static_cast<off_t>(begin));
-    if (got <= 0) {
+    // A sanitizer's shadow is terabytes of reserved, untouched pages: nothing of the
+    // agent's own lies there.
+    if (end - begin > (1ul << 32)) {
       continue;
     }
-    bytes.resize(static_cast<std::size_t>(got));
-    scanned += bytes.size();
-    if (auto at = bytes.find(text); at != std::string::npos) {
-      found = line + " + " + std::to_string(at);
+    constexpr std::size_t kChunk = 16u << 20;
+    std::string bytes;
+    for (unsigned long at = begin; found.empty() && at < end;) {
+      // Each chunk keeps the tail of the one before, so a text across the seam is found.
+      std::size_t keep = std::min(bytes.size(), text.size());
+      bytes.erase(0, bytes.size() - keep);
+      std::size_t want = std::min<std::size_t>(kChunk, end - at);
+      bytes.resize(keep + want);
+      ssize_t got = ::pread(memory, bytes.data() + keep, want, static_cast<off_t>(at));
+      if (got <= 0) {
+        break;
+      }
+      bytes.resize(keep + static_cast<std::size_t>(got));
+      scanned += static_cast<std::size_t>(got);
+      if (auto hit = bytes.find(text); hit != std::string::npos) {
+        found = line + " + " + std::to_string(at - begin + hit - keep);
+      }
+      at += static_cast<unsigned long>(got);
     }
   }
   ::close(memory);

@@ -109,7 +109,7 @@ TEST_F(AgentCrashReport, ACrashLeavesAReadableReportThatTheNextStartReportsOnce)
   EXPECT_THAT(report, HasSubstr("Identifier:      com.quorvane.Kestrin\n"));
   EXPECT_THAT(report, HasSubstr("(" KESTRIN_BUNDLE_VERSION ")\n"));
   EXPECT_THAT(report, HasSubstr("Exception Type:  SIGSEGV (Segmentation fault)\n"
-                                "Exception Codes: SEGV_MAPERR at 0x0000000000000000\n"));
+                                "Exception Codes: SEGV_MAPERR at 0x0000000000000010\n"));
   EXPECT_THAT(report, HasSubstr("/Kestrin.app/Contents/MacOS/Kestrin("));
   EXPECT_THAT(report, HasSubstr(" - Gathering logs...\n"));
 
