@@ -22,6 +22,7 @@
 #include <unistd.h>
 
 #include "ScratchDir.h"
+#include "SpawnedAgent.h"
 #include "transport/RpcClient.h"
 
 namespace {
@@ -52,16 +53,7 @@ public:
     static BenchAgent agent;
     return agent;
   }
-  ~BenchAgent() {
-    client_.reset();
-    if (pid_ > 0) {
-      ::kill(pid_, SIGTERM);
-      int status = 0;
-      ::waitpid(pid_, &status, 0);
-    }
-  }
-
-  kestrin::transport::RpcClient* client() const { return client_.get(); }
+  kestrin::transport::RpcClient* client() const { return agent_->client(); }
   // The folders that gatherLogs reads, with the name rule of each.
   std::vector<std::pair<fs::path, std::regex>> folders() const {
     std::vector<std::pair<fs::path, std::regex>> found;
@@ -88,47 +80,13 @@ private:
     }
     fs::create_directories(dir / "root");
 
-    fs::path output = dir / "agent.out";
-    std::string home = "HOME=" + (dir / "home").string();
-    std::string root = "KESTRIN_ROOT=" + (dir / "root").string();
-    std::string runtime = "XDG_RUNTIME_DIR=" + dir.string();
-    std::string path = "PATH=/usr/bin:/bin";
-    char* envp[] = {home.data(), root.data(), runtime.data(), path.data(), nullptr};
-    std::string agent = KESTRIN_AGENT_PATH;
-    char* argv[] = {agent.data(), nullptr};
-    posix_spawn_file_actions_t actions;
-    ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(),
-                                       O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    ::posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    if (::posix_spawn(&pid_, agent.c_str(), &actions, nullptr, argv, envp) != 0) {
-      pid_ = -1;
-    }
-    ::posix_spawn_file_actions_destroy(&actions);
-
-    static const std::regex listening("Listening on port ([0-9]+)\n");
-    int port = 0;
-    for (int i = 0; i < 1000 && port == 0 && pid_ > 0; ++i) {
-      std::ifstream file(output);
-      std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-      std::smatch match;
-      if (std::regex_search(text, match, listening)) {
-        port = std::stoi(match[1]);
-      } else {
-        std::this_thread::sleep_for(20ms);
-      }
-    }
-    if (port != 0) {
-      auto connected = kestrin::transport::RpcClient::connectTcp("127.0.0.1", port, 10s);
-      if (connected.ok()) {
-        client_ = std::move(*connected);
-      }
-    }
+    agent_ = std::make_unique<kestrin::bench::SpawnedAgent>(
+        KESTRIN_AGENT_PATH,
+        kestrin::bench::SpawnedAgent::Folders{dir / "home", dir / "root", dir, dir / "agent.out"});
   }
 
   kestrin::bench::ScratchDir scratch_;
-  pid_t pid_ = -1;
-  std::unique_ptr<kestrin::transport::RpcClient> client_;
+  std::unique_ptr<kestrin::bench::SpawnedAgent> agent_; // ended before the folders go
 };
 
 std::int64_t totalBytes(const Value& gathered) {
