@@ -16,7 +16,6 @@
 #include <gtest/gtest.h>
 
 #include "ThrowawayAccounts.h"
-#include "auth/PamService.h"
 #include "fixtures/AgentProcess.h"
 #include "fixtures/RecordingObject.h"
 #include "fixtures/TempDir.h"
@@ -34,8 +33,6 @@ using testing::AgentProcess;
 using testing::eventually;
 using testing::readText;
 using testing::RecordingObject;
-
-constexpr const char* kPamService = "/etc/pam.d/kestrin-auth";
 
 void chownTree(const fs::path& top, const testing::Identity& owner) {
   ASSERT_EQ(::chown(top.c_str(), owner.uid, owner.gid), 0);
@@ -116,22 +113,6 @@ std::string memoryHolding(pid_t pid, const std::string& text) {
 
 class AdministratorRights : public testing::ThrowawayAccounts {
 protected:
-  static void SetUpTestSuite() {
-    ThrowawayAccounts::SetUpTestSuite();
-    // The service that -setup installs; put in place only for this run when missing.
-    if (::geteuid() == 0 && !fs::exists(kPamService)) {
-      testing::writeText(kPamService, std::string(auth::kPamServiceText));
-      installedPamService_ = true;
-    }
-  }
-  static void TearDownTestSuite() {
-    if (installedPamService_) {
-      fs::remove(kPamService);
-      installedPamService_ = false;
-    }
-    ThrowawayAccounts::TearDownTestSuite();
-  }
-
   void SetUp() override {
     ThrowawayAccounts::SetUp();
     if (IsSkipped() || HasFatalFailure()) {
@@ -237,11 +218,7 @@ protected:
   std::unique_ptr<transport::RpcClient> client;
   std::shared_ptr<RecordingObject> callback =
       std::make_shared<RecordingObject>(testing::errorCallbackSelectors());
-
-  static bool installedPamService_;
 };
-
-bool AdministratorRights::installedPamService_ = false;
 
 TEST_F(AdministratorRights, TheRightPasswordRunsTheTaskAsRootAndAWrongOneGives1006) {
   // Trailing spaces and line ends are not part of the password.

@@ -14,7 +14,6 @@
 #include <gtest/gtest.h>
 
 #include "ThrowawayAccounts.h"
-#include "auth/PamService.h"
 #include "fixtures/AgentProcess.h"
 #include "fixtures/MakerTools.h"
 #include "fixtures/RecordingObject.h"
@@ -36,7 +35,6 @@ using testing::readText;
 using testing::RecordingObject;
 using testing::writeText;
 
-constexpr const char* kPamService = "/etc/pam.d/kestrin-auth";
 constexpr int kStaged = 12;
 
 // A session bus that every user may join: the agent runs as the administrator, the helper as
@@ -82,21 +80,6 @@ private:
 
 class CrashConsolidation : public testing::ThrowawayAccounts {
 protected:
-  static void SetUpTestSuite() {
-    ThrowawayAccounts::SetUpTestSuite();
-    if (::geteuid() == 0 && !fs::exists(kPamService)) {
-      testing::writeText(kPamService, std::string(auth::kPamServiceText));
-      installedPamService_ = true;
-    }
-  }
-  static void TearDownTestSuite() {
-    if (installedPamService_) {
-      fs::remove(kPamService);
-      installedPamService_ = false;
-    }
-    ThrowawayAccounts::TearDownTestSuite();
-  }
-
   void SetUp() override {
     ThrowawayAccounts::SetUp();
     if (IsSkipped() || HasFatalFailure()) {
@@ -204,11 +187,7 @@ protected:
   std::unique_ptr<transport::RpcClient> client;
   std::shared_ptr<RecordingObject> callback =
       std::make_shared<RecordingObject>(testing::errorCallbackSelectors());
-
-  static bool installedPamService_;
 };
-
-bool CrashConsolidation::installedPamService_ = false;
 
 TEST_F(CrashConsolidation, TheHelperRunsAsRootAndTheNewReportsArriveInBatchesOfFive) {
   client->root()->invoke("consolidateCrashLogs:", {credentials(administrator_->password())});

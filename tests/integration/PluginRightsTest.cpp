@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include "ThrowawayAccounts.h"
-#include "auth/PamService.h"
 #include "fixtures/AgentProcess.h"
 #include "fixtures/StoredZip.h"
 #include "fixtures/TempDir.h"
@@ -27,8 +26,6 @@ using testing::eventually;
 using testing::readText;
 using testing::writeText;
 
-constexpr const char* kPamService = "/etc/pam.d/kestrin-auth";
-
 void chownTree(const fs::path& top, uid_t uid, gid_t gid) {
   ASSERT_EQ(::lchown(top.c_str(), uid, gid), 0);
   for (const auto& entry : fs::recursive_directory_iterator(top)) {
@@ -45,21 +42,6 @@ plist::Data glowArchive(const std::string& version) {
 
 class PluginRights : public testing::ThrowawayAccounts {
 protected:
-  static void SetUpTestSuite() {
-    ThrowawayAccounts::SetUpTestSuite();
-    if (::geteuid() == 0 && !fs::exists(kPamService)) {
-      writeText(kPamService, std::string(auth::kPamServiceText));
-      installedPamService_ = true;
-    }
-  }
-  static void TearDownTestSuite() {
-    if (installedPamService_) {
-      fs::remove(kPamService);
-      installedPamService_ = false;
-    }
-    ThrowawayAccounts::TearDownTestSuite();
-  }
-
   void SetUp() override {
     ThrowawayAccounts::SetUp();
     if (IsSkipped() || HasFatalFailure()) {
@@ -130,10 +112,7 @@ protected:
   fs::path plugin;
   std::unique_ptr<AgentProcess> agent;
   std::unique_ptr<transport::RpcClient> client;
-  static bool installedPamService_;
 };
-
-bool PluginRights::installedPamService_ = false;
 
 TEST_F(PluginRights, AnUpdateWithRightsReplacesAPluginInARootOnlyFolder) {
   // Without rights the ladder stops before anything is trashed.

@@ -1,12 +1,23 @@
 #include "ThrowawayAccounts.h"
 
+#include <filesystem>
+#include <string>
+
 #include <unistd.h>
+
+#include "auth/PamService.h"
+#include "fixtures/TempDir.h"
 
 namespace kestrin::testing {
 
 std::unique_ptr<InstalledCopy> ThrowawayAccounts::helper_;
 std::unique_ptr<ThrowawayUser> ThrowawayAccounts::administrator_;
 std::unique_ptr<ThrowawayUser> ThrowawayAccounts::ordinary_;
+bool ThrowawayAccounts::installedPamService_ = false;
+
+namespace {
+constexpr const char* kPamService = "/etc/pam.d/kestrin-auth";
+} // namespace
 
 void ThrowawayAccounts::SetUpTestSuite() {
   if (::geteuid() != 0) {
@@ -15,9 +26,17 @@ void ThrowawayAccounts::SetUpTestSuite() {
   helper_ = std::make_unique<InstalledCopy>(KESTRIN_AUTH_HELPER);
   administrator_ = std::make_unique<ThrowawayUser>(true);
   ordinary_ = std::make_unique<ThrowawayUser>(false);
+  if (!std::filesystem::exists(kPamService)) {
+    writeText(kPamService, std::string(auth::kPamServiceText));
+    installedPamService_ = true;
+  }
 }
 
 void ThrowawayAccounts::TearDownTestSuite() {
+  if (installedPamService_) {
+    std::filesystem::remove(kPamService);
+    installedPamService_ = false;
+  }
   administrator_.reset();
   ordinary_.reset();
   helper_.reset();

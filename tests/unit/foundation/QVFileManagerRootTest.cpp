@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include "ThrowawayAccounts.h"
-#include "auth/PamService.h"
 #include "fixtures/TempDir.h"
 #include "fixtures/ThrowawayMachine.h"
 #include "platform/Clock.h"
@@ -23,8 +22,6 @@ namespace {
 namespace fs = std::filesystem;
 using testing::readText;
 using testing::writeText;
-
-constexpr const char* kPamService = "/etc/pam.d/kestrin-auth";
 
 TEST(QVFileManagerLocking, LockedFilesResistChangesUntilTheFileManagerUnlocksThem) {
   if (::geteuid() != 0) {
@@ -67,20 +64,6 @@ TEST(QVFileManagerLocking, LockedFilesResistChangesUntilTheFileManagerUnlocksThe
 // only root can write.
 class QVFileManagerLadder : public testing::ThrowawayAccounts {
 protected:
-  static void SetUpTestSuite() {
-    ThrowawayAccounts::SetUpTestSuite();
-    if (::geteuid() == 0 && !fs::exists(kPamService)) {
-      testing::writeText(kPamService, std::string(auth::kPamServiceText));
-      installedPamService_ = true;
-    }
-  }
-  static void TearDownTestSuite() {
-    if (installedPamService_) {
-      fs::remove(kPamService);
-      installedPamService_ = false;
-    }
-    ThrowawayAccounts::TearDownTestSuite();
-  }
   void SetUp() override {
     ThrowawayAccounts::SetUp();
     if (IsSkipped() || HasFatalFailure()) {
@@ -121,10 +104,7 @@ protected:
   testing::TempDir folder;
   fs::path protectedDir = folder.path() / "protected";
   std::unique_ptr<testing::InstalledCopy> child;
-  static bool installedPamService_;
 };
-
-bool QVFileManagerLadder::installedPamService_ = false;
 
 TEST_F(QVFileManagerLadder, OrdinaryAttemptsFailThenRightsSucceedWithTheirLogLines) {
   auto [plain, plainLog] =
