@@ -103,7 +103,8 @@ TEST_P(CrashSignalHandlerTest, WritesTheReportAndStillDiesByTheSignal) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryCrashSignal, CrashSignalHandlerTest,
-                         ::testing::ValuesIn(CrashSignalHandler::kSignals));
+                         ::testing::ValuesIn(CrashSignalHandler::kSignals),
+                         [](const auto& info) { return std::string(sigabbrev_np(info.param)); });
 
 TEST_F(CrashSignalHandlerTest, AStackOverflowIsReportedFromTheAlternateStack) {
   GTEST_FLAG_SET(death_test_style, "fast");

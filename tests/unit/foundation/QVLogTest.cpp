@@ -297,7 +297,17 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(std::pair{plist::Value("1"), true}, std::pair{plist::Value(true), true},
                       std::pair{plist::Value(1), true}, std::pair{plist::Value("0"), false},
                       std::pair{plist::Value(0), false}, std::pair{plist::Value(false), false},
-                      std::pair{plist::Value("yes"), false}));
+                      std::pair{plist::Value("yes"), false}),
+    [](const auto& info) {
+      const plist::Value& value = info.param.first;
+      if (const std::string* text = value.asString()) {
+        return "String_" + *text;
+      }
+      if (auto flag = value.asBool()) {
+        return std::string(*flag ? "BooleanTrue" : "BooleanFalse");
+      }
+      return "Number_" + std::to_string(value.integerValue().value_or(-1));
+    });
 
 TEST_F(QVLogTest, AsRootTheCurrentFileIsInTheLocalDomainAndRotationInTheUsersFolder) {
   auto c = config();
