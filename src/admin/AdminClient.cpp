@@ -34,10 +34,27 @@ Expected<std::unique_ptr<AdminClient>> AdminClient::connect(const AgentAddress& 
   if (!client) {
     return client.failure();
   }
+  // Every call has the same limit as the connecting: a port that accepts and then says nothing
+  // (another service, a stopped agent) must not hold the admin for ever.
+  (*client)->setReplyTimeout(timeout);
   auto callback = std::make_shared<QVErrorCallback>(parent);
+  std::string where = address.host.find(':') == std::string::npos
+                          ? fmt::format("{}:{}", address.host, address.port)
+                          : fmt::format("[{}]:{}", address.host, address.port);
   try {
     (*client)->root()->invoke("setErrorCallback:", {plist::Value(plist::ObjectRef(callback))});
   } catch (const NamedException& e) {
+    // The first call is the first time the peer has to speak the agent's protocol.
+    if (e.name() == kPortTimeoutException) {
+      return Failure{fmt::format("{} accepted the connection but did not answer as a Kestrin "
+                                 "agent within {} s: it is not an agent, or a stuck one",
+                                 where, std::chrono::duration<double>(timeout).count())};
+    }
+    if (e.name() == kInvalidSendPortException) {
+      return Failure{fmt::format("{} ended the connection without answering as a Kestrin agent "
+                                 "(not an agent, or one that does not accept this address): {}",
+                                 where, e.what())};
+    }
     return Failure{fmt::format("cannot register the error callback: {} - {}", e.name(), e.what())};
   }
   return std::unique_ptr<AdminClient>(new AdminClient(std::move(*client), std::move(callback)));

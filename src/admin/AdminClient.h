@@ -23,7 +23,8 @@ Expected<AgentAddress> parseAgentAddress(const std::string& text);
 // agent's errors, progress and task-finished events reach this process.
 class AdminClient {
 public:
-  // Connects and registers the callback; events go to parent (may be null).
+  // Connects and registers the callback; events go to parent (may be null). `timeout` limits
+  // the connecting and every call after it; zero is no limit.
   static Expected<std::unique_ptr<AdminClient>> connect(const AgentAddress& address,
                                                         std::chrono::milliseconds timeout,
                                                         QVErrorCallback::Parent* parent);

@@ -1,5 +1,7 @@
 #include "admin/Ambrant.h"
 
+#include <algorithm>
+#include <cctype>
 #include <csignal>
 #include <cstdio>
 #include <functional>
@@ -14,6 +16,7 @@
 
 #include "admin/AdminClient.h"
 #include "admin/BackupCommands.h"
+#include "admin/CommandLine.h"
 #include "admin/ConfigurationReceiver.h"
 #include "admin/JsonValue.h"
 #include "admin/PasswordPrompt.h"
@@ -30,28 +33,6 @@ namespace kestrin::admin {
 namespace {
 
 using namespace std::chrono_literals;
-
-constexpr int kOk = 0;
-constexpr int kAgentError = 1;
-constexpr int kUnreachable = 2;
-
-constexpr const char* kUsage =
-    "usage: ambrant browse [--timeout SECONDS]\n"
-    "       ambrant call HOST:PORT SELECTOR [ARG ...] [--xml] [--linger SECONDS]\n"
-    "                  [--user NAME [--password-stdin]]\n"
-    "       ambrant watch HOST:PORT\n"
-    "       ambrant config HOST:PORT [--xml]\n"
-    "       ambrant plugins HOST:PORT\n"
-    "       ambrant copy-plugin FROM:PORT TO:PORT PATH\n"
-    "       ambrant logs HOST:PORT DIR\n"
-    "       ambrant encrypt-password\n"
-    "       ambrant backup HOST:PORT PATH FILE\n"
-    "       ambrant restore HOST:PORT FILE\n"
-    "ARG is a JSON value; {\"$data\":\"<base64>\"} is data, {\"$date\":\"<ISO 8601>\"} a date,\n"
-    "{\"$delegate\":{}} a local object that prints every call it gets on standard error.\n"
-    "With --user, {\"$user\":null} is NAME, {\"$password\":null} the password encrypted for\n"
-    "the agent and {\"$credentials\":null} both as {\"authUser\", \"authPass\"}; the password\n"
-    "is asked for on the terminal without echo, or read as one line from standard input.\n";
 
 // What --user stands in for in a call's arguments.
 constexpr std::string_view kUserPlaceholder = "$user";
@@ -94,57 +75,15 @@ private:
   const QVErrorCallback* callback_ = nullptr;
 };
 
-std::optional<double> optionValue(std::vector<std::string>& arguments, const std::string& name) {
-  for (std::size_t i = 0; i + 1 < arguments.size(); ++i) {
-    if (arguments[i] == name) {
-      double value = std::stod(arguments[i + 1]);
-      arguments.erase(arguments.begin() + static_cast<long>(i),
-                      arguments.begin() + static_cast<long>(i) + 2);
-      return value;
-    }
-  }
-  return std::nullopt;
-}
-
-std::optional<std::string> optionText(std::vector<std::string>& arguments,
-                                      const std::string& name) {
-  for (std::size_t i = 0; i + 1 < arguments.size(); ++i) {
-    if (arguments[i] == name) {
-      std::string value = arguments[i + 1];
-      arguments.erase(arguments.begin() + static_cast<long>(i),
-                      arguments.begin() + static_cast<long>(i) + 2);
-      return value;
-    }
-  }
-  return std::nullopt;
-}
-
-bool takeFlag(std::vector<std::string>& arguments, const std::string& name) {
-  for (auto it = arguments.begin(); it != arguments.end(); ++it) {
-    if (*it == name) {
-      arguments.erase(it);
-      return true;
-    }
-  }
-  return false;
-}
-
+// The connection a command's events arrive on, printed as they come.
 struct Session {
   QueuePrinter printer;
   std::unique_ptr<AdminClient> client;
 };
 
-Expected<std::unique_ptr<Session>> openSession(const std::string& where) {
-  auto address = parseAgentAddress(where);
-  if (!address) {
-    return address.failure();
-  }
+std::unique_ptr<Session> openSession(const CommandLine& command, const std::string& where) {
   auto session = std::make_unique<Session>();
-  auto client = AdminClient::connect(*address, 10s, &session->printer);
-  if (!client) {
-    return client.failure();
-  }
-  session->client = std::move(*client);
+  session->client = command.connect(where, &session->printer);
   session->printer.setCallback(session->client->callback().get());
   return session;
 }
@@ -239,83 +178,78 @@ Expected<void> fillCredentials(std::vector<plist::Value>& values,
   return {};
 }
 
-int call(std::vector<std::string> arguments) {
-  bool xml = takeFlag(arguments, "--xml");
-  double linger = optionValue(arguments, "--linger").value_or(0);
-  std::optional<std::string> user = optionText(arguments, "--user");
-  bool passwordFromStdin = takeFlag(arguments, "--password-stdin");
-  if (arguments.size() < 2 || (passwordFromStdin && !user)) {
-    std::cerr << kUsage;
-    return kUnreachable;
+// A value on the command line that is not JSON. A bare word is the usual slip: the shell ate
+// the quotes of a JSON string.
+[[noreturn]] void refuseArgument(std::size_t position, const std::string& text,
+                                 const std::string& why) {
+  bool bareWord = !text.empty() && std::isalpha(static_cast<unsigned char>(text[0])) &&
+                  text != "true" && text != "false" && text != "null";
+  if (bareWord) {
+    throw UsageError(fmt::format("argument {} ({}) is not JSON: a string keeps its double quotes, "
+                                 "so write '\"{}\"' (the single quotes keep them from the shell)",
+                                 position, text, text));
   }
+  throw UsageError(fmt::format("argument {} ({}) is not JSON: {}", position, text, why));
+}
+
+int call(CommandLine& command) {
+  bool xml = command.flag("--xml");
+  double linger = command.seconds("--linger").value_or(0);
+  std::optional<std::string> user = command.option("--user");
+  bool passwordFromStdin = command.flag("--password-stdin");
+  if (passwordFromStdin && !user) {
+    throw UsageError("--password-stdin needs --user");
+  }
+  auto operands = command.operandsAtLeast({"HOST:PORT", "SELECTOR"});
   std::vector<std::shared_ptr<PrintingDelegate>> delegates;
   auto makeDelegate = [&delegates]() -> plist::ObjectRef {
     return delegates.emplace_back(std::make_shared<PrintingDelegate>(std::cerr));
   };
   std::vector<plist::Value> values;
-  for (std::size_t i = 2; i < arguments.size(); ++i) {
-    auto value = valueFromJson(arguments[i], makeDelegate);
+  for (std::size_t i = 2; i < operands.size(); ++i) {
+    auto value = valueFromJson(operands[i], makeDelegate);
     if (!value) {
-      std::cerr << "ambrant: argument " << i - 1 << ": " << value.message() << std::endl;
-      return kUnreachable;
+      refuseArgument(i - 1, operands[i], value.message());
     }
     values.push_back(std::move(*value));
   }
   if (auto filled = fillCredentials(values, user, passwordFromStdin); !filled) {
-    std::cerr << "ambrant: " << filled.message() << std::endl;
-    return kUnreachable;
+    throw UsageError(filled.message());
   }
-  auto session = openSession(arguments[0]);
-  if (!session) {
-    std::cerr << "ambrant: " << session.message() << std::endl;
-    return kUnreachable;
-  }
-  int status = kOk;
+  auto session = openSession(command, operands[0]);
+  int status = kExitOk;
   try {
-    printValue((*session)->client->call(arguments[1], std::move(values)), xml);
-  } catch (const NamedException& e) {
-    std::cerr << "ambrant: " << e.name() << ": " << e.what() << std::endl;
-    status = e.name() == kInvalidSendPortException ? kUnreachable : kAgentError;
+    printValue(callAgent(*session->client, operands[1], std::move(values)), xml);
+  } catch (const CommandFailure& failure) {
+    std::cerr << "ambrant: " << failure.what() << std::endl;
+    status = failure.status();
   }
   // Deliveries to delegates and events may follow the answer; a closed connection brings none.
   auto end = std::chrono::steady_clock::now() +
-             std::chrono::milliseconds(static_cast<long>(std::max(linger, 0.0) * 1000));
-  while (std::chrono::steady_clock::now() < end && (*session)->client->connection().isConnected()) {
+             std::chrono::milliseconds(static_cast<long>(linger * 1000));
+  while (std::chrono::steady_clock::now() < end && session->client->connection().isConnected()) {
     std::this_thread::sleep_for(20ms);
   }
   return status;
 }
 
 // Saves what gatherLogs answers into DIR, one file per path, and prints a line per file saved.
-int logs(const std::vector<std::string>& arguments) {
-  if (arguments.size() != 2) {
-    std::cerr << kUsage;
-    return kUnreachable;
-  }
-  auto session = openSession(arguments[0]);
-  if (!session) {
-    std::cerr << "ambrant: " << session.message() << std::endl;
-    return kUnreachable;
-  }
-  plist::Value gathered;
-  try {
-    gathered = (*session)->client->call("gatherLogs");
-  } catch (const NamedException& e) {
-    std::cerr << "ambrant: " << e.name() << ": " << e.what() << std::endl;
-    return e.name() == kInvalidSendPortException ? kUnreachable : kAgentError;
-  }
+int logs(CommandLine& command) {
+  auto operands = command.operands({"HOST:PORT", "DIR"});
+  auto session = openSession(command, operands[0]);
+  plist::Value gathered = callAgent(*session->client, "gatherLogs");
   if (gathered.isNull()) {
     std::cerr << "ambrant: the agent has no logs" << std::endl;
-    return kOk;
+    return kExitOk;
   }
   const plist::Dictionary* found = gathered.asDictionary();
   if (found == nullptr) {
-    std::cerr << "ambrant: the agent answered " << plist::kindName(gathered.kind())
-              << ", not a dictionary of logs" << std::endl;
-    return kAgentError;
+    throw CommandFailure(kExitAgentError, fmt::format("the agent answered {}, not a dictionary "
+                                                      "of logs",
+                                                      plist::kindName(gathered.kind())));
   }
   auto report = saveLogs(
-      arguments[1], *found,
+      operands[1], *found,
       [](const std::string& path, const std::string& file, std::size_t bytes) {
         std::cout << file << " (" << bytes << " bytes) from " << jsonFromValue(path) << std::endl;
       },
@@ -323,90 +257,96 @@ int logs(const std::vector<std::string>& arguments) {
         std::cerr << "ambrant: not saved: " << jsonFromValue(path) << ": " << why << std::endl;
       });
   if (!report) {
-    std::cerr << "ambrant: " << report.message() << std::endl;
-    return kUnreachable;
+    throw CommandFailure(kExitUsage, report.message());
   }
-  return report->skipped == 0 ? kOk : kAgentError;
+  return report->skipped == 0 ? kExitOk : kExitAgentError;
 }
 
 // The full configuration the agent sends to a receiver of ours, as an admin sees it on first
 // connecting.
-int config(std::vector<std::string> arguments) {
-  bool xml = takeFlag(arguments, "--xml");
-  if (arguments.size() != 1) {
-    std::cerr << kUsage;
-    return kUnreachable;
-  }
-  auto session = openSession(arguments[0]);
-  if (!session) {
-    std::cerr << "ambrant: " << session.message() << std::endl;
-    return kUnreachable;
-  }
+int config(CommandLine& command) {
+  bool xml = command.flag("--xml");
+  auto operands = command.operands({"HOST:PORT"});
+  auto session = openSession(command, operands[0]);
   auto receiver = std::make_shared<ConfigurationReceiver>();
-  try {
-    (*session)->client->call("fetchInitialConfiguration:", {plist::ObjectRef(receiver)});
-  } catch (const NamedException& e) {
-    std::cerr << "ambrant: " << e.name() << ": " << e.what() << std::endl;
-    return e.name() == kInvalidSendPortException ? kUnreachable : kAgentError;
-  }
-  auto configuration = receiver->waitForConfiguration(10s);
+  callAgent(*session->client, "fetchInitialConfiguration:", {plist::ObjectRef(receiver)});
+  auto configuration = receiver->waitForConfiguration(
+      command.timeout().count() == 0 ? std::chrono::milliseconds::max() : command.timeout());
   if (!configuration) {
-    std::cerr << "ambrant: the agent sent no configuration" << std::endl;
-    return kAgentError;
+    throw CommandFailure(kExitAgentError, "the agent sent no configuration");
   }
   printValue(*configuration, xml);
-  return kOk;
+  return kExitOk;
 }
 
-int watch(const std::vector<std::string>& arguments) {
-  if (arguments.size() != 1) {
-    std::cerr << kUsage;
-    return kUnreachable;
+// Every selector the agent answers, with the kinds of its arguments, as the agent reports them.
+int selectors(CommandLine& command) {
+  auto operands = command.operands({"HOST:PORT"});
+  auto session = openSession(command, operands[0]);
+  plist::Value answer = callAgent(*session->client, "operationSignatures");
+  const plist::Array* signatures = answer.asArray();
+  if (signatures == nullptr) {
+    throw CommandFailure(kExitAgentError, "the agent did not list its operations");
   }
+  for (const plist::Value& signature : *signatures) {
+    const plist::Value* selector = signature.get("selector");
+    const plist::Value* kinds = signature.get("arguments");
+    if (selector == nullptr || selector->asString() == nullptr) {
+      continue;
+    }
+    std::cout << *selector->asString();
+    std::string separator = "\t";
+    for (const plist::Value& kind :
+         kinds && kinds->asArray() ? *kinds->asArray() : plist::Array{}) {
+      std::cout << separator << (kind.asString() ? *kind.asString() : "?");
+      separator = ", ";
+    }
+    std::cout << "\n";
+  }
+  std::cout << std::flush;
+  return kExitOk;
+}
+
+int watch(CommandLine& command) {
+  auto operands = command.operands({"HOST:PORT"});
   sigset_t stop;
   sigemptyset(&stop);
   sigaddset(&stop, SIGINT);
   sigaddset(&stop, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stop, nullptr); // before any thread: only sigwait sees them
 
-  auto session = openSession(arguments[0]);
-  if (!session) {
-    std::cerr << "ambrant: " << session.message() << std::endl;
-    return kUnreachable;
-  }
-  (*session)->client->connection().setDisconnectHandler([] {
+  auto session = openSession(command, operands[0]);
+  // Events may be far apart: only the connecting and the registration had a time limit.
+  session->client->connection().setReplyTimeout(std::chrono::milliseconds(0));
+  session->client->connection().setDisconnectHandler([] {
     std::cerr << "ambrant: the agent closed the connection" << std::endl;
     std::raise(SIGTERM);
   });
-  std::cerr << "watching " << arguments[0] << std::endl;
+  std::cerr << "watching " << operands[0] << std::endl;
   int signal = 0;
   sigwait(&stop, &signal);
-  return (*session)->client->connection().isConnected() ? kOk : kUnreachable;
+  return session->client->connection().isConnected() ? kExitOk : kExitUnreachable;
 }
 
 // The "authPass" data for a password read from standard input (one line; its line end is not
 // part of the password), without echo when that is a terminal.
-int encryptPassword() {
+int encryptPassword(CommandLine& command) {
+  command.operands({});
   auto password = readPasswordLine(STDIN_FILENO);
   if (!password) {
-    std::cerr << "ambrant: " << password.message() << std::endl;
-    return kUnreachable;
+    throw UsageError(password.message());
   }
   std::cout << base64Encode(QVEncryption::encryptPassword(password->view())) << std::endl;
-  return kOk;
+  return kExitOk;
 }
 
-int browse(std::vector<std::string> arguments) {
-  double timeout = optionValue(arguments, "--timeout").value_or(3.0);
-  if (!arguments.empty()) {
-    std::cerr << kUsage;
-    return kUnreachable;
-  }
-  auto found = platform::browseServices(
-      "_kestrin._tcp.", std::chrono::milliseconds(static_cast<long>(timeout * 1000)));
+int browse(CommandLine& command) {
+  command.operands({});
+  // Browsing waits for answers rather than for one peer: a few seconds unless told.
+  auto window = command.timeoutGiven() ? command.timeout() : std::chrono::milliseconds(3000);
+  auto found = platform::browseServices("_kestrin._tcp.", window);
   if (!found) {
-    std::cerr << "ambrant: " << found.message() << std::endl;
-    return kUnreachable;
+    throw CommandFailure(kExitUnreachable, found.message());
   }
   for (const platform::FoundService& service : *found) {
     std::cout << service.name << "\t" << service.host << "\t" << service.port;
@@ -415,7 +355,143 @@ int browse(std::vector<std::string> arguments) {
     }
     std::cout << std::endl;
   }
-  return kOk;
+  return kExitOk;
+}
+
+int backup(CommandLine& command) {
+  return backupCommand(command, std::cout);
+}
+
+int restore(CommandLine& command) {
+  return restoreCommand(command, std::cout);
+}
+
+struct Command {
+  std::string_view name;
+  std::string_view synopsis; // after "ambrant NAME"
+  std::string_view summary;  // one line for the overview
+  std::string_view details;  // for "ambrant help NAME"
+  int (*run)(CommandLine&);
+};
+
+constexpr Command kCommands[] = {
+    {"browse", "", "list the agents advertised as _kestrin._tcp. on the local network",
+     "Waits 3 s for answers (--timeout changes that) and prints one line per agent: its name,\n"
+     "host, port and TXT entries. Needs avahi-daemon running on this machine.\n",
+     browse},
+    {"call",
+     "HOST:PORT SELECTOR [ARG ...] [--xml] [--linger SECONDS] [--user NAME [--password-stdin]]",
+     "call one of the agent's operations and print its answer",
+     "Each ARG is a JSON value: a string keeps its double quotes ('\"text\"'). Beyond JSON,\n"
+     "{\"$data\":\"<base64>\"} is data, {\"$date\":\"<ISO 8601>\"} a date, and {\"$delegate\":{}} "
+     "a\n"
+     "local object that prints every call it gets on standard error.\n"
+     "With --user, {\"$user\":null} is NAME, {\"$password\":null} the password encrypted for the\n"
+     "agent and {\"$credentials\":null} both as {\"authUser\", \"authPass\"}; the password is "
+     "asked\n"
+     "for on the terminal without echo, or read as one line from standard input\n"
+     "(--password-stdin). Credentials never go on the command line.\n"
+     "--xml prints the answer as a property list; --linger waits that long after the answer\n"
+     "for deliveries to delegates and for events, which go to standard error.\n",
+     call},
+    {"watch", "HOST:PORT", "print what the agent pushes back, until interrupted",
+     "Registers an error callback and prints each error, progress and finished-task event on\n"
+     "standard error as it arrives. Ends on Ctrl-C, or when the agent closes the connection.\n",
+     watch},
+    {"config", "HOST:PORT [--xml]", "print the configuration an admin reads on connecting",
+     "Asks for the full initial configuration (fetchInitialConfiguration:) and prints it.\n",
+     config},
+    {"selectors", "HOST:PORT", "list the operations the agent answers, with their arguments",
+     "One line per selector, with the kinds of its arguments, as the agent itself reports them.\n",
+     selectors},
+    {"plugins", "HOST:PORT", "print the agent's plug-in tree, by type and folder",
+     "One line per type, folder and plug-in: name, version, enabled state and domain.\n",
+     [](CommandLine& command) { return pluginsCommand(command); }},
+    {"copy-plugin", "FROM:PORT TO:PORT PATH", "copy a plug-in from one agent onto another",
+     "Fetches the plug-in at PATH from the first agent and installs it on the second, in the\n"
+     "user's folder of its type.\n",
+     [](CommandLine& command) { return copyPluginCommand(command); }},
+    {"logs", "HOST:PORT DIR", "save the agent's logs and crash reports in DIR",
+     "One file per log, named after its path; prints a line per file saved.\n", logs},
+    {"backup", "HOST:PORT PATH FILE", "save the agent's preference backup PATH as FILE",
+     "PATH is a backup folder on the agent's machine; FILE is written 0600.\n", backup},
+    {"restore", "HOST:PORT FILE", "send a saved backup to an agent, which restores it",
+     "FILE is what \"ambrant backup\" saved.\n", restore},
+    {"encrypt-password", "", "print the \"authPass\" data for a password read from standard input",
+     "Reads one line without echo on a terminal and prints the encrypted form in base64.\n",
+     encryptPassword},
+};
+
+constexpr std::string_view kCommonOptions =
+    "Options for every command:\n"
+    "  --timeout SECONDS   limit for connecting and for each call (default 30, 0 for none)\n"
+    "  --help              this command's help\n";
+
+constexpr std::string_view kExitStatuses =
+    "Exit status: 0 done, 1 the agent answered with an error, 2 no agent answered (refused,\n"
+    "silent, not an agent, or out of time), 64 the command line is wrong.\n";
+
+const Command* findCommand(std::string_view name) {
+  for (const Command& command : kCommands) {
+    if (command.name == name) {
+      return &command;
+    }
+  }
+  return nullptr;
+}
+
+std::string usageLine(const Command& command) {
+  return fmt::format("usage: ambrant {}{}{}\n", command.name, command.synopsis.empty() ? "" : " ",
+                     command.synopsis);
+}
+
+void printOverview(std::ostream& out) {
+  out << "usage: ambrant COMMAND [ARGUMENT ...] [--timeout SECONDS]\n"
+         "       ambrant help [COMMAND]\n"
+         "       ambrant --version\n\n"
+         "The administration client of Kestrin agents. Commands:\n";
+  for (const Command& command : kCommands) {
+    out << fmt::format("  {:<17} {}\n", command.name, command.summary);
+  }
+  out << "\n" << kCommonOptions << "\n" << kExitStatuses;
+}
+
+void printHelp(std::ostream& out, const Command& command) {
+  out << usageLine(command) << "\n"
+      << command.summary << ".\n"
+      << command.details << "\n"
+      << kCommonOptions << "\n"
+      << kExitStatuses;
+}
+
+int help(const std::vector<std::string>& topics) {
+  if (topics.empty()) {
+    printOverview(std::cout);
+    return kExitOk;
+  }
+  const Command* command = findCommand(topics[0]);
+  if (command == nullptr || topics.size() > 1) {
+    std::cerr << "ambrant: no command '" << topics.back() << "'; \"ambrant help\" lists them\n";
+    return kExitUsage;
+  }
+  printHelp(std::cout, *command);
+  return kExitOk;
+}
+
+// The time limit every command shares, taken out of the arguments wherever it stands.
+std::optional<std::chrono::milliseconds> takeTimeout(std::vector<std::string>& arguments) {
+  CommandLine shared(arguments, {}, false);
+  auto seconds = shared.seconds("--timeout");
+  if (!seconds) {
+    return std::nullopt;
+  }
+  for (auto it = arguments.begin(); it != arguments.end(); ++it) {
+    if (*it == "--timeout") {
+      arguments.erase(it, it + 2);
+      break;
+    }
+  }
+  return std::chrono::milliseconds(static_cast<std::int64_t>(*seconds * 1000));
 }
 
 } // namespace
@@ -423,48 +499,42 @@ int browse(std::vector<std::string> arguments) {
 int ambrantMain(const std::vector<std::string>& arguments) {
   std::signal(SIGPIPE, SIG_IGN);
   if (arguments.empty()) {
-    std::cerr << kUsage;
-    return kUnreachable;
+    printOverview(std::cerr);
+    return kExitUsage;
   }
+  const std::string& name = arguments[0];
   std::vector<std::string> rest(arguments.begin() + 1, arguments.end());
-  const std::string& command = arguments[0];
-  try {
-    if (command == "call") {
-      return call(rest);
-    }
-    if (command == "logs") {
-      return logs(rest);
-    }
-    if (command == "config") {
-      return config(rest);
-    }
-    if (command == "watch") {
-      return watch(rest);
-    }
-    if (command == "plugins") {
-      return pluginsCommand(rest);
-    }
-    if (command == "copy-plugin") {
-      return copyPluginCommand(rest);
-    }
-    if (command == "browse") {
-      return browse(rest);
-    }
-    if (command == "encrypt-password") {
-      return encryptPassword();
-    }
-    if (command == "backup") {
-      return backupCommand(rest, std::cout);
-    }
-    if (command == "restore") {
-      return restoreCommand(rest, std::cout);
-    }
-  } catch (const std::invalid_argument&) {
-    std::cerr << "ambrant: an option's value is not a number" << std::endl;
-    return kUnreachable;
+  if (name == "--version") {
+    std::cout << "ambrant " << KESTRIN_VERSION << std::endl;
+    return kExitOk;
   }
-  std::cerr << kUsage;
-  return kUnreachable;
+  if (name == "help" || name == "--help" || name == "-h") {
+    return help(rest);
+  }
+  const Command* command = findCommand(name);
+  if (command == nullptr) {
+    std::cerr << "ambrant: unknown command '" << name << "'\n\n";
+    printOverview(std::cerr);
+    return kExitUsage;
+  }
+  if (std::find(rest.begin(), rest.end(), "--help") != rest.end()) {
+    printHelp(std::cout, *command);
+    return kExitOk;
+  }
+  try {
+    auto timeout = takeTimeout(rest);
+    CommandLine line(std::move(rest), timeout.value_or(std::chrono::seconds(30)),
+                     timeout.has_value());
+    return command->run(line);
+  } catch (const UsageError& error) {
+    std::cerr << "ambrant " << command->name << ": " << error.what() << "\n"
+              << usageLine(*command) << "(\"ambrant help " << command->name << "\" says more)"
+              << std::endl;
+    return kExitUsage;
+  } catch (const CommandFailure& failure) {
+    std::cerr << "ambrant: " << failure.what() << std::endl;
+    return failure.status();
+  }
 }
 
 } // namespace kestrin::admin

@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "admin/AdminClient.h"
+#include "admin/CommandLine.h"
 #include "foundation/BundleInfoFile.h"
 #include "foundation/PluginArchive.h"
 #include "foundation/QVGroupItem.h"
@@ -12,23 +13,6 @@
 namespace kestrin::admin {
 
 namespace {
-
-using namespace std::chrono_literals;
-
-constexpr int kOk = 0;
-constexpr int kAgentError = 1;
-constexpr int kUnreachable = 2;
-
-constexpr const char* kUsage = "usage: ambrant plugins HOST:PORT\n"
-                               "       ambrant copy-plugin FROM:PORT TO:PORT PATH\n";
-
-Expected<std::unique_ptr<AdminClient>> connectTo(const std::string& where) {
-  auto address = parseAgentAddress(where);
-  if (!address) {
-    return address.failure();
-  }
-  return AdminClient::connect(*address, 10s, nullptr);
-}
 
 void printGroup(std::ostream& out, const QVGroupItem& group, int depth) {
   std::string indent(static_cast<std::size_t>(depth) * 2, ' ');
@@ -52,7 +36,7 @@ void printGroup(std::ostream& out, const QVGroupItem& group, int depth) {
 
 // The inventory record of the plug-in at path, or nullopt.
 std::optional<plist::Dictionary> recordAt(AdminClient& client, const std::string& path) {
-  plist::Value list = client.call("vantryPluginList");
+  plist::Value list = callAgent(client, "vantryPluginList");
   if (const plist::Array* records = list.asArray()) {
     for (const plist::Value& record : *records) {
       const plist::Dictionary* fields = record.asDictionary();
@@ -66,7 +50,7 @@ std::optional<plist::Dictionary> recordAt(AdminClient& client, const std::string
 
 // The enabled plug-in of that name in the user's domain, where installing puts it.
 std::optional<plist::Dictionary> installedNamed(AdminClient& client, const std::string& name) {
-  plist::Value list = client.call("vantryPluginList");
+  plist::Value list = callAgent(client, "vantryPluginList");
   if (const plist::Array* records = list.asArray()) {
     for (const plist::Value& record : *records) {
       const plist::Dictionary* fields = record.asDictionary();
@@ -82,87 +66,50 @@ std::optional<plist::Dictionary> installedNamed(AdminClient& client, const std::
   return std::nullopt;
 }
 
-int failedCall(const NamedException& e) {
-  std::cerr << "ambrant: " << e.name() << ": " << e.what() << std::endl;
-  return e.name() == kInvalidSendPortException ? kUnreachable : kAgentError;
-}
-
 } // namespace
 
 void printPluginTree(std::ostream& out, const QVGroupItem& root) {
   printGroup(out, root, 0);
 }
 
-int pluginsCommand(const std::vector<std::string>& arguments) {
-  if (arguments.size() != 1) {
-    std::cerr << kUsage;
-    return kUnreachable;
-  }
-  auto client = connectTo(arguments[0]);
-  if (!client) {
-    std::cerr << "ambrant: " << client.message() << std::endl;
-    return kUnreachable;
-  }
-  plist::Value archive;
-  try {
-    archive = (*client)->call("vantryPluginTree");
-  } catch (const NamedException& e) {
-    return failedCall(e);
-  }
-  auto tree = PluginArchive::unarchive(archive);
+int pluginsCommand(CommandLine& command) {
+  auto operands = command.operands({"HOST:PORT"});
+  auto client = command.connect(operands[0]);
+  auto tree = PluginArchive::unarchive(callAgent(*client, "vantryPluginTree"));
   if (!tree) {
-    std::cerr << "ambrant: " << tree.message() << std::endl;
-    return kAgentError;
+    throw CommandFailure(kExitAgentError, tree.message());
   }
   printPluginTree(std::cout, **tree);
   std::cout << std::flush;
-  return kOk;
+  return kExitOk;
 }
 
-int copyPluginCommand(const std::vector<std::string>& arguments) {
-  if (arguments.size() != 3) {
-    std::cerr << kUsage;
-    return kUnreachable;
+int copyPluginCommand(CommandLine& command) {
+  auto operands = command.operands({"FROM:PORT", "TO:PORT", "PATH"});
+  const std::string& path = operands[2];
+  auto from = command.connect(operands[0]);
+  auto to = command.connect(operands[1]);
+  auto record = recordAt(*from, path);
+  if (!record) {
+    throw CommandFailure(kExitAgentError, operands[0] + " has no plug-in at " + path);
   }
-  const std::string& path = arguments[2];
-  auto from = connectTo(arguments[0]);
-  if (!from) {
-    std::cerr << "ambrant: " << arguments[0] << ": " << from.message() << std::endl;
-    return kUnreachable;
+  plist::Value data = callAgent(*from, "vantryPluginData:", {*record});
+  if (!data.asData()) {
+    throw CommandFailure(kExitAgentError,
+                         operands[0] + " could not send " + path + " (its log says why)");
   }
-  auto to = connectTo(arguments[1]);
-  if (!to) {
-    std::cerr << "ambrant: " << arguments[1] << ": " << to.message() << std::endl;
-    return kUnreachable;
+  std::size_t slash = path.find_last_of('/');
+  std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+  record->set("filename", name);
+  callAgent(*to, "vantryInstallPlugin:withData:", {*record, data});
+  auto installed = installedNamed(*to, name);
+  if (!installed) {
+    throw CommandFailure(kExitAgentError,
+                         operands[1] + " did not install " + name + " (its log says why)");
   }
-  try {
-    auto record = recordAt(**from, path);
-    if (!record) {
-      std::cerr << "ambrant: " << arguments[0] << " has no plug-in at " << path << std::endl;
-      return kAgentError;
-    }
-    plist::Value data = (*from)->call("vantryPluginData:", {*record});
-    if (!data.asData()) {
-      std::cerr << "ambrant: " << arguments[0] << " could not send " << path
-                << " (its log says why)" << std::endl;
-      return kAgentError;
-    }
-    std::size_t slash = path.find_last_of('/');
-    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    record->set("filename", name);
-    (*to)->call("vantryInstallPlugin:withData:", {*record, data});
-    auto installed = installedNamed(**to, name);
-    if (!installed) {
-      std::cerr << "ambrant: " << arguments[1] << " did not install " << name
-                << " (its log says why)" << std::endl;
-      return kAgentError;
-    }
-    std::cout << "Installed " << stringMember(*installed, "fullPath").value_or(name) << " on "
-              << arguments[1] << std::endl;
-  } catch (const NamedException& e) {
-    return failedCall(e);
-  }
-  return kOk;
+  std::cout << "Installed " << stringMember(*installed, "fullPath").value_or(name) << " on "
+            << operands[1] << std::endl;
+  return kExitOk;
 }
 
 } // namespace kestrin::admin

@@ -10,11 +10,13 @@ class QVGroupItem;
 
 namespace kestrin::admin {
 
+class CommandLine;
+
 // ambrant plugins HOST:PORT: the agent's plug-in tree, grouped by type and folder.
-int pluginsCommand(const std::vector<std::string>& arguments);
+int pluginsCommand(CommandLine& command);
 // ambrant copy-plugin FROM:PORT TO:PORT PATH: the plug-in at PATH on one agent, installed on
 // another (in the user's folder of its type, as installing does).
-int copyPluginCommand(const std::vector<std::string>& arguments);
+int copyPluginCommand(CommandLine& command);
 
 // One line per type, folder and sub-folder, each indented below its group, and one per
 // plug-in: name, version, "enabled" or "disabled", and "computer" or "user", tab-separated.

@@ -42,8 +42,10 @@ struct RpcClient::Impl : kj::TaskSet::ErrorHandler {
       auto connecting = io.provider->getNetwork().parseAddress(address).then(
           [](kj::Own<kj::NetworkAddress> resolved) { return resolved->connect(); });
       kj::Own<kj::AsyncIoStream> stream =
-          timer.timeoutAfter(timeout.count() * kj::MILLISECONDS, kj::mv(connecting))
-              .wait(io.waitScope);
+          timeout.count() == 0
+              ? connecting.wait(io.waitScope)
+              : timer.timeoutAfter(timeout.count() * kj::MILLISECONDS, kj::mv(connecting))
+                    .wait(io.waitScope);
 
       state = std::make_shared<ConnectionState>(kj::getCurrentThreadExecutor().addRef(), timer,
                                                 workers, plist::RemoteObject::Caller{address, 0});

@@ -15,6 +15,7 @@ namespace kestrin::transport {
 // are served to the peer, their calls running on worker threads of this process.
 class RpcClient {
 public:
+  // `timeout` limits the connecting; zero leaves it to the system.
   static Expected<std::unique_ptr<RpcClient>> connectTcp(const std::string& host, int port,
                                                          std::chrono::milliseconds timeout);
   static Expected<std::unique_ptr<RpcClient>> connectUnix(const std::string& path,

@@ -33,28 +33,6 @@ using testing::writeText;
 
 constexpr const char* kAddLogs = "tovellAddLogs:hostName:";
 
-// Runs ambrant; answers its exit status and what it wrote on standard output and error.
-struct AmbrantRun {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-AmbrantRun ambrant(const std::string& arguments, const fs::path& scratch) {
-  fs::path err = scratch / "ambrant.err";
-  std::string command =
-      std::string(KESTRIN_AMBRANT_PATH) + " " + arguments + " 2>'" + err.string() + "'";
-  FILE* pipe = ::popen(command.c_str(), "r");
-  AmbrantRun run;
-  char buffer[4096];
-  while (std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe)) {
-    run.out.append(buffer, n);
-  }
-  int status = ::pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  run.err = testing::readText(err);
-  return run;
-}
-
 std::vector<std::string> linesOf(const std::string& text, const std::string& prefix = "") {
   std::vector<std::string> lines;
   std::istringstream in(text);
@@ -201,9 +179,9 @@ TEST_F(CrashLogs, AnAdminThatVanishesHalfwayEndsOnlyItsOwnDelivery) {
 
 TEST_F(CrashLogs, AmbrantPrintsWhatItsDelegateReceivesAndSavesEveryLogOnce) {
   testing::TempDir scratch;
-  AmbrantRun delivered =
-      ambrant("call " + address() + " crashLogsSinceDate:delegate: null '{\"$delegate\":{}}'",
-              scratch.path());
+  testing::AmbrantRun delivered = testing::runAmbrantIn(
+      scratch.path(),
+      "call " + address() + " crashLogsSinceDate:delegate: null '{\"$delegate\":{}}'");
   EXPECT_EQ(delivered.status, 0) << delivered.err;
   auto batches = linesOf(delivered.err, "delegate ");
   ASSERT_EQ(batches.size(), 3u) << delivered.err;
@@ -211,7 +189,8 @@ TEST_F(CrashLogs, AmbrantPrintsWhatItsDelegateReceivesAndSavesEveryLogOnce) {
   EXPECT_THAT(batches[2], HasSubstr("\"cause\":\"Motion crashed\""));
 
   fs::path saved = scratch.path() / "logs";
-  AmbrantRun logs = ambrant("logs " + address() + " '" + saved.string() + "'", scratch.path());
+  testing::AmbrantRun logs =
+      testing::runAmbrantIn(scratch.path(), "logs " + address() + " '" + saved.string() + "'");
   EXPECT_EQ(logs.status, 0) << logs.err;
   auto lines = linesOf(logs.out);
   ASSERT_EQ(lines.size(), 3u) << logs.out; // the agent's log and its two crash reports

@@ -69,7 +69,7 @@ protected:
   int port = 0;
 };
 
-TEST_F(RemoteService, AmbrantCallsOperationsAndReportsErrorsByExitStatus) {
+TEST_F(RemoteService, AmbrantCallsOperationsAndReportsEachKindOfFailureByExitStatus) {
   std::string where = "127.0.0.1:" + std::to_string(port);
   EXPECT_EQ(runAmbrant("call " + where + " ping"), std::make_pair(0, std::string("null\n")));
   EXPECT_EQ(runAmbrant("call " + where + " clientVersion"),
@@ -77,7 +77,43 @@ TEST_F(RemoteService, AmbrantCallsOperationsAndReportsErrorsByExitStatus) {
   EXPECT_EQ(runAmbrant("call " + where + " noSuchOperation:").first, 1);
   EXPECT_EQ(runAmbrant("call " + where + " setErrorCallback: 12").first, 1);
   EXPECT_EQ(runAmbrant("call 127.0.0.1:1 ping").first, 2);
-  EXPECT_EQ(runAmbrant("call " + where + " ping '{'").first, 2);
+
+  // The agent's own list of what it answers, argument kinds included.
+  auto [listed, selectors] = runAmbrant("selectors " + where);
+  EXPECT_EQ(listed, 0);
+  EXPECT_THAT(selectors, ::testing::HasSubstr("\nping\n"));
+  EXPECT_THAT(selectors, ::testing::ContainsRegex("\nfeldaneBackup:type:\t[a-z ]+, [a-z ]+\n"));
+
+  // Every command line that cannot be run is a usage error, told apart from failures.
+  testing::TempDir scratch;
+  for (const std::string& wrong : std::vector<std::string>{
+           "", "frob", "call", "call " + where, "call " + where + " ping '{'", "call nowhere ping",
+           "call " + where + " ping --timeout -1", "call " + where + " ping --linger",
+           "call " + where + " ping --bogus", "plugins", "logs " + where, "watch a b",
+           "config " + where + " extra", "backup " + where + " /p", "help frob"}) {
+    EXPECT_EQ(runAmbrant(wrong).first, 64) << wrong;
+  }
+  auto bare =
+      testing::runAmbrantIn(scratch.path(), "call " + where + " feldaneBackup:type: Final 1");
+  EXPECT_EQ(bare.status, 64);
+  EXPECT_THAT(bare.err, ::testing::HasSubstr("argument 1 (Final) is not JSON"));
+  EXPECT_THAT(bare.err, ::testing::HasSubstr("'\"Final\"'"));
+  EXPECT_EQ(runAmbrant("help call").first, 0);
+  EXPECT_EQ(runAmbrant("--version").second, "ambrant " KESTRIN_VERSION "\n");
+
+  // A port that accepts and never speaks is not an agent, and ambrant does not wait for ever.
+  platform::FileDescriptor silent(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(::bind(silent.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(silent.get(), 4), 0);
+  ::getsockname(silent.get(), reinterpret_cast<sockaddr*>(&address), &length);
+  std::string quiet = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  auto stuck = testing::runAmbrantIn(scratch.path(), "call " + quiet + " ping --timeout 1");
+  EXPECT_EQ(stuck.status, 2);
+  EXPECT_THAT(stuck.err, ::testing::HasSubstr("did not answer as a Kestrin agent within 1 s"));
 }
 
 TEST_F(RemoteService, EveryRegisteredCallbackReceivesPostedErrorsOnce) {

@@ -114,10 +114,11 @@ inline bool accepting(int port) {
 }
 
 #ifdef KESTRIN_AMBRANT_PATH
-// Runs ambrant with a command line's arguments; answers its exit status and standard output
-// (standard error, where events go, is dropped).
-inline std::pair<int, std::string> runAmbrant(const std::string& arguments) {
-  std::string command = std::string(KESTRIN_AMBRANT_PATH) + " " + arguments + " 2>/dev/null";
+// Runs ambrant with a command line's arguments and `redirection` for its standard error;
+// answers its exit status and standard output.
+inline std::pair<int, std::string> runAmbrantCommand(const std::string& arguments,
+                                                     const std::string& redirection) {
+  std::string command = std::string(KESTRIN_AMBRANT_PATH) + " " + arguments + " " + redirection;
   FILE* pipe = ::popen(command.c_str(), "r");
   std::string out;
   char buffer[4096];
@@ -126,6 +127,23 @@ inline std::pair<int, std::string> runAmbrant(const std::string& arguments) {
   }
   int status = ::pclose(pipe);
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+}
+
+// Standard error, where events go, is dropped.
+inline std::pair<int, std::string> runAmbrant(const std::string& arguments) {
+  return runAmbrantCommand(arguments, "2>/dev/null");
+}
+
+// With what it wrote on standard error, which goes through a file in `scratch`.
+struct AmbrantRun {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+inline AmbrantRun runAmbrantIn(const std::filesystem::path& scratch, const std::string& arguments) {
+  std::filesystem::path err = scratch / "ambrant.err";
+  auto [status, out] = runAmbrantCommand(arguments, "2>'" + err.string() + "'");
+  return {status, out, readText(err)};
 }
 #endif
 

@@ -82,6 +82,11 @@ Expected<std::vector<FoundService>> browseServices(const std::string& type,
                        nullptr, nullptr, &error);
   if (client == nullptr) {
     avahi_simple_poll_free(browse.poll);
+    if (error == AVAHI_ERR_NO_DAEMON) {
+      return Failure{"avahi-daemon is not running, so no agent can be found by DNS-SD: start it "
+                     "with \"systemctl start avahi-daemon\" (as root), or name agents as "
+                     "HOST:PORT"};
+    }
     return Failure{std::string("no DNS-SD responder: ") + avahi_strerror(error)};
   }
   AvahiServiceBrowser* browser = avahi_service_browser_new(
