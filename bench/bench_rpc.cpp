@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <future>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -18,6 +19,8 @@
 #include "operations/ExceptionGuard.h"
 #include "transport/RpcClient.h"
 #include "transport/RpcServer.h"
+#include "transport/TlsIdentity.h"
+#include "transport/TlsStream.h"
 #include "transport/remote.capnp.h"
 
 #include <arpa/inet.h>
@@ -99,16 +102,36 @@ void report(benchmark::State& state, std::vector<double>& latencies, std::int64_
   }
 }
 
+// The agent's transport with TLS (as the agent runs it) or without, for the difference.
+std::optional<transport::TlsServerOptions> serverTls(bool tls) {
+  if (!tls) {
+    return std::nullopt;
+  }
+  static auto context =
+      transport::TlsContext::make(transport::TlsContext::Side::Server,
+                                  transport::TlsIdentity::generate("bench agent").value())
+          .value();
+  return transport::TlsServerOptions{context};
+}
+
+transport::TlsClientOptions clientTls(bool tls) {
+  static auto identity = transport::TlsIdentity::generate("bench console").value();
+  return tls ? transport::TlsClientOptions{true, identity} : transport::TlsClientOptions::plain();
+}
+
 void BM_PingAgentTransport(benchmark::State& state) {
   int clients = static_cast<int>(state.range(0));
+  bool tls = state.range(1) != 0;
+  state.SetLabel(tls ? "tls" : "plain");
   int port = 0;
   WorkerPool workers;
   auto server = transport::RpcServer::start(loopbackListener(port), std::make_shared<PingRoot>(),
-                                            nullptr, workers);
+                                            nullptr, workers, {}, serverTls(tls));
   std::vector<std::unique_ptr<transport::RpcClient>> connections;
   for (int i = 0; i < clients; ++i) {
     connections.push_back(
-        transport::RpcClient::connectTcp("127.0.0.1", port, std::chrono::seconds(5)).value());
+        transport::RpcClient::connectTcp("127.0.0.1", port, std::chrono::seconds(5), clientTls(tls))
+            .value());
   }
   std::vector<double> latencies;
   std::mutex mutex;
@@ -194,8 +217,9 @@ void BM_EventToTenCallbacks(benchmark::State& state) {
   auto server = transport::RpcServer::start(loopbackListener(port), keeper, nullptr, workers);
   std::vector<std::unique_ptr<transport::RpcClient>> admins;
   for (int i = 0; i < 10; ++i) {
-    admins.push_back(
-        transport::RpcClient::connectTcp("127.0.0.1", port, std::chrono::seconds(5)).value());
+    admins.push_back(transport::RpcClient::connectTcp("127.0.0.1", port, std::chrono::seconds(5),
+                                                      transport::TlsClientOptions::plain())
+                         .value());
     admins.back()->root()->invoke("keep:",
                                   {plist::Value(plist::ObjectRef(std::make_shared<PingRoot>()))});
   }
@@ -209,12 +233,27 @@ void BM_EventToTenCallbacks(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 
+// Connecting, TLS handshake included, up to the first answer.
+void BM_ConnectAgentTransport(benchmark::State& state) {
+  bool tls = state.range(0) != 0;
+  state.SetLabel(tls ? "tls" : "plain");
+  int port = 0;
+  WorkerPool workers;
+  auto server = transport::RpcServer::start(loopbackListener(port), std::make_shared<PingRoot>(),
+                                            nullptr, workers, {}, serverTls(tls));
+  for (auto _ : state) {
+    auto client =
+        transport::RpcClient::connectTcp("127.0.0.1", port, std::chrono::seconds(5), clientTls(tls))
+            .value();
+    client->root()->invoke("ping", {});
+  }
+}
+
 BENCHMARK(BM_PingAgentTransport)
-    ->Arg(1)
-    ->Arg(8)
-    ->Arg(64)
+    ->ArgsProduct({{1, 8, 64}, {0, 1}})
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ConnectAgentTransport)->Arg(0)->Arg(1)->UseRealTime()->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_PingBareCapnp)->Arg(1)->Arg(8)->Arg(64)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_EventToTenCallbacks)->UseRealTime()->Unit(benchmark::kMicrosecond);
 

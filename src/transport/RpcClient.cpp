@@ -11,6 +11,7 @@
 
 #include "foundation/WorkerPool.h"
 #include "transport/ConnectionState.h"
+#include "transport/TlsStream.h"
 #include "transport/ValueCodec.h"
 
 namespace kestrin::transport {
@@ -23,6 +24,7 @@ struct RpcClient::Impl : kj::TaskSet::ErrorHandler {
   bool stopped = false;                                         // under mutex
   std::shared_ptr<ConnectionState> state;
   plist::ObjectRef root;
+  std::optional<std::string> peerFingerprint;
   // Where the server's calls to objects we passed it (callbacks, delegates) run. Declared
   // before the thread is joined in the destructor, destroyed after it.
   WorkerPool workers;
@@ -30,7 +32,8 @@ struct RpcClient::Impl : kj::TaskSet::ErrorHandler {
   void taskFailed(kj::Exception&&) override {}
 
   void run(const std::string& address, std::chrono::milliseconds timeout,
-           std::promise<Expected<void>>& ready) {
+           const TlsClientOptions& tls, std::promise<Expected<void>>& ready) {
+    bool tcpConnected = false;
     try {
       kj::AsyncIoContext io = kj::setupAsyncIo();
       auto paf = kj::newPromiseAndCrossThreadFulfiller<void>();
@@ -39,8 +42,31 @@ struct RpcClient::Impl : kj::TaskSet::ErrorHandler {
         stopFulfiller = kj::mv(paf.fulfiller);
       }
       kj::Timer& timer = io.provider->getTimer();
-      auto connecting = io.provider->getNetwork().parseAddress(address).then(
-          [](kj::Own<kj::NetworkAddress> resolved) { return resolved->connect(); });
+      std::shared_ptr<const TlsContext> context;
+      if (tls.enabled) {
+        auto made = TlsContext::make(TlsContext::Side::Client, tls.identity);
+        if (!made) {
+          ready.set_value(made.failure());
+          return;
+        }
+        context = *made;
+      }
+      auto connecting =
+          io.provider->getNetwork()
+              .parseAddress(address)
+              .then([](kj::Own<kj::NetworkAddress> resolved) { return resolved->connect(); })
+              .then([this, context, &tcpConnected](kj::Own<kj::AsyncIoStream> stream)
+                        -> kj::Promise<kj::Own<kj::AsyncIoStream>> {
+                tcpConnected = true;
+                if (!context) {
+                  return kj::mv(stream);
+                }
+                return TlsStream::handshake(kj::mv(stream), context)
+                    .then([this](kj::Own<TlsStream> secured) -> kj::Own<kj::AsyncIoStream> {
+                      peerFingerprint = secured->peerFingerprint();
+                      return kj::mv(secured);
+                    });
+              });
       kj::Own<kj::AsyncIoStream> stream =
           timeout.count() == 0
               ? connecting.wait(io.waitScope)
@@ -77,8 +103,16 @@ struct RpcClient::Impl : kj::TaskSet::ErrorHandler {
         state->drop();
       }
       try {
-        ready.set_value(
-            Failure{fmt::format("cannot connect to {}: {}", address, e.getDescription().cStr())});
+        // Past the connecting, the peer had to speak TLS: one that does not is no agent.
+        ready.set_value(Failure{
+            !tcpConnected
+                ? fmt::format("cannot connect to {}: {}", address, e.getDescription().cStr())
+            : e.getType() == kj::Exception::Type::OVERLOADED
+                ? fmt::format("{} accepted the connection but did not answer as a Kestrin agent "
+                              "within {} s: it is not an agent, or a stuck one",
+                              address, std::chrono::duration<double>(timeout).count())
+                : fmt::format("{} did not answer as a Kestrin agent: {}", address,
+                              e.getDescription().cStr())});
       } catch (const std::future_error&) {
         // Connected earlier; the failure came later and ended the connection.
       }
@@ -103,14 +137,15 @@ RpcClient::~RpcClient() {
 }
 
 Expected<std::unique_ptr<RpcClient>> RpcClient::connectAddress(const std::string& address,
-                                                               std::chrono::milliseconds timeout) {
+                                                               std::chrono::milliseconds timeout,
+                                                               const TlsClientOptions& tls) {
   auto impl = std::make_unique<Impl>();
   std::promise<Expected<void>> ready;
   auto connected = ready.get_future();
   Impl* raw = impl.get();
   // The thread owns the promise: a failure after connecting must not reach a caller long gone.
-  raw->thread = std::thread([raw, address, timeout, ready = std::move(ready)]() mutable {
-    raw->run(address, timeout, ready);
+  raw->thread = std::thread([raw, address, timeout, tls, ready = std::move(ready)]() mutable {
+    raw->run(address, timeout, tls, ready);
   });
   Expected<void> outcome = connected.get();
   if (!outcome) {
@@ -121,19 +156,24 @@ Expected<std::unique_ptr<RpcClient>> RpcClient::connectAddress(const std::string
 }
 
 Expected<std::unique_ptr<RpcClient>> RpcClient::connectTcp(const std::string& host, int port,
-                                                           std::chrono::milliseconds timeout) {
+                                                           std::chrono::milliseconds timeout,
+                                                           TlsClientOptions tls) {
   bool ipv6 = host.find(':') != std::string::npos;
   return connectAddress(
-      ipv6 ? fmt::format("[{}]:{}", host, port) : fmt::format("{}:{}", host, port), timeout);
+      ipv6 ? fmt::format("[{}]:{}", host, port) : fmt::format("{}:{}", host, port), timeout, tls);
 }
 
 Expected<std::unique_ptr<RpcClient>> RpcClient::connectUnix(const std::string& path,
                                                             std::chrono::milliseconds timeout) {
-  return connectAddress("unix:" + path, timeout);
+  return connectAddress("unix:" + path, timeout, TlsClientOptions::plain());
 }
 
 plist::ObjectRef RpcClient::root() const {
   return impl_->root;
+}
+
+const std::optional<std::string>& RpcClient::peerFingerprint() const {
+  return impl_->peerFingerprint;
 }
 
 bool RpcClient::isConnected() const {

@@ -19,6 +19,7 @@
 #include "transport/ConnectionState.h"
 #include "transport/GatedMessageStream.h"
 #include "transport/LocalObjectServer.h"
+#include "transport/TlsStream.h"
 #include "transport/ValueCodec.h"
 
 namespace kestrin::transport {
@@ -106,6 +107,8 @@ struct RpcServer::Impl : kj::TaskSet::ErrorHandler {
   std::map<std::uint64_t, kj::Own<ServerConnection>> connections;
   std::map<std::string, std::size_t> connectionsByAddress;
   std::uint64_t nextConnection = 1;
+  std::size_t handshaking = 0;
+  std::optional<TlsServerOptions> tls;
   kj::Maybe<kj::TaskSet> tasks;
 
   void taskFailed(kj::Exception&&) override {} // a connection's end is handled where it ends
@@ -117,16 +120,26 @@ struct RpcServer::Impl : kj::TaskSet::ErrorHandler {
     });
   }
 
-  // Why a connection from peer would pass the limits of connections, if it would.
+  // Why a connection from peer would pass the limits of connections, if it would. Connections
+  // still in their handshake count.
   std::optional<std::string> overLimit(const PeerInfo& peer) const {
-    if (connections.size() >= limits.connections) {
-      return fmt::format("the agent already serves {} connections", connections.size());
+    if (connections.size() + handshaking >= limits.connections) {
+      return fmt::format("the agent already serves {} connections",
+                         connections.size() + handshaking);
     }
     auto from = connectionsByAddress.find(peer.address);
     if (from != connectionsByAddress.end() && from->second >= limits.connectionsPerAddress) {
       return fmt::format("{} connections from that address are open already", from->second);
     }
     return std::nullopt;
+  }
+
+  void countIn(const std::string& address) { ++connectionsByAddress[address]; }
+  void countOut(const std::string& address) {
+    auto from = connectionsByAddress.find(address);
+    if (from != connectionsByAddress.end() && --from->second == 0) {
+      connectionsByAddress.erase(from);
+    }
   }
 
   void accept(kj::Own<kj::AsyncIoStream> stream) {
@@ -137,6 +150,32 @@ struct RpcServer::Impl : kj::TaskSet::ErrorHandler {
       }
       return; // dropping the stream closes it before anything was read
     }
+    if (!tls) {
+      establish(kj::mv(stream), peer);
+      return;
+    }
+    ++handshaking;
+    countIn(peer.address);
+    auto handshake =
+        io->provider->getTimer().timeoutAfter(tls->handshakeTimeout.count() * kj::MILLISECONDS,
+                                              TlsStream::handshake(kj::mv(stream), tls->context));
+    KJ_ASSERT_NONNULL(tasks).add(handshake.then(
+        [this, peer](kj::Own<TlsStream> secured) mutable {
+          --handshaking;
+          countOut(peer.address);
+          peer.fingerprint = secured->peerFingerprint();
+          establish(kj::mv(secured), peer);
+        },
+        [this, peer](kj::Exception&& e) {
+          --handshaking;
+          countOut(peer.address);
+          if (delegate != nullptr) {
+            delegate->handshakeFailed(peer, e.getDescription().cStr());
+          }
+        }));
+  }
+
+  void establish(kj::Own<kj::AsyncIoStream> stream, const PeerInfo& peer) {
     if (delegate != nullptr && !delegate->shouldAcceptConnection(peer)) {
       return;
     }
@@ -150,7 +189,7 @@ struct RpcServer::Impl : kj::TaskSet::ErrorHandler {
     auto connection = kj::heap<ServerConnection>(kj::mv(stream), state, root, gate);
     auto& network = connection->network;
     connections.emplace(id, kj::mv(connection));
-    ++connectionsByAddress[peer.address];
+    countIn(peer.address);
     ++connectionCount;
     if (delegate != nullptr) {
       delegate->connectionDidInitialize(peer);
@@ -160,10 +199,7 @@ struct RpcServer::Impl : kj::TaskSet::ErrorHandler {
       return kj::evalLater([this, id, address]() {
         if (connections.erase(id) > 0) {
           --connectionCount;
-          auto from = connectionsByAddress.find(address);
-          if (from != connectionsByAddress.end() && --from->second == 0) {
-            connectionsByAddress.erase(from);
-          }
+          countOut(address);
         }
       });
     }));
@@ -213,7 +249,8 @@ RpcServer::~RpcServer() {
 Expected<std::unique_ptr<RpcServer>> RpcServer::start(platform::FileDescriptor listeningSocket,
                                                       plist::ObjectRef root, Delegate* delegate,
                                                       WorkerPool& workers,
-                                                      const TransportLimits& limits) {
+                                                      const TransportLimits& limits,
+                                                      std::optional<TlsServerOptions> tls) {
   if (!listeningSocket.valid()) {
     return Failure{"no listening socket"};
   }
@@ -221,6 +258,7 @@ Expected<std::unique_ptr<RpcServer>> RpcServer::start(platform::FileDescriptor l
   impl->root = std::move(root);
   impl->delegate = delegate;
   impl->workers = &workers;
+  impl->tls = std::move(tls);
   std::promise<Expected<void>> ready;
   std::future<Expected<void>> started = ready.get_future();
   Impl* raw = impl.get();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -23,6 +24,17 @@ struct PeerInfo {
   int port = 0;
   std::optional<pid_t> pid;
   std::optional<uid_t> uid;
+  // Over TLS: the fingerprint of the certificate the peer presented, if it presented one.
+  std::optional<std::string> fingerprint;
+};
+
+class TlsContext;
+
+// TLS on every connection of a server: its context (identity and checks) and how long a peer
+// has to finish its handshake. Handshakes run side by side, so a slow one holds up nobody.
+struct TlsServerOptions {
+  std::shared_ptr<const TlsContext> context;
+  std::chrono::milliseconds handshakeTimeout{10000};
 };
 
 // Serves one root object on a listening socket, from a thread of its own with its own event
@@ -36,8 +48,11 @@ public:
   class Delegate {
   public:
     virtual ~Delegate() = default;
-    // Refusing drops the connection before the peer can call anything.
+    // Refusing drops the connection before the peer can call anything. Over TLS it is asked
+    // after the handshake, so the peer's fingerprint is known.
     virtual bool shouldAcceptConnection(const PeerInfo& peer) = 0;
+    // A TLS handshake that failed or ran out of time; the connection is gone.
+    virtual void handshakeFailed(const PeerInfo& /*peer*/, const std::string& /*reason*/) {}
     virtual void connectionDidInitialize(const PeerInfo& /*peer*/) {}
     // A connection dropped unread because the limits of connections were reached.
     virtual void connectionRefused(const PeerInfo& /*peer*/, const std::string& /*reason*/) {}
@@ -47,11 +62,13 @@ public:
 
   // Takes over a bound and listening TCP or Unix-domain socket. delegate may be null (every
   // connection accepted); it and workers, where the calls run, must outlive the server. The
-  // limits bound what the peers may make it hold and wait for.
+  // limits bound what the peers may make it hold and wait for. With `tls`, every connection
+  // speaks TLS from its first byte.
   static Expected<std::unique_ptr<RpcServer>> start(platform::FileDescriptor listeningSocket,
                                                     plist::ObjectRef root, Delegate* delegate,
                                                     WorkerPool& workers,
-                                                    const TransportLimits& limits = {});
+                                                    const TransportLimits& limits = {},
+                                                    std::optional<TlsServerOptions> tls = {});
   ~RpcServer();
   RpcServer(const RpcServer&) = delete;
   RpcServer& operator=(const RpcServer&) = delete;

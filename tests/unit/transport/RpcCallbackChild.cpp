@@ -33,8 +33,9 @@ int main(int argc, char** argv) {
   if (argc != 2) {
     return 2;
   }
-  auto client = kestrin::transport::RpcClient::connectTcp("127.0.0.1", std::atoi(argv[1]),
-                                                          std::chrono::seconds(5));
+  auto client = kestrin::transport::RpcClient::connectTcp(
+      "127.0.0.1", std::atoi(argv[1]), std::chrono::seconds(5),
+      kestrin::transport::TlsClientOptions::plain());
   if (!client.ok()) {
     return 1;
   }

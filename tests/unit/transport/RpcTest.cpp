@@ -125,7 +125,7 @@ TEST_F(RpcTest, SlowCallsDoNotHoldUpOtherCallers) {
 
 TEST_F(RpcTest, RefusedConnectionsCannotCallAnything) {
   delegate.refuseAll = true;
-  auto client = RpcClient::connectTcp("127.0.0.1", port, 5s);
+  auto client = RpcClient::connectTcp("127.0.0.1", port, 5s, TlsClientOptions::plain());
   if (client.ok()) {
     EXPECT_THROW((*client)->root()->invoke("echo:", {Value(1)}), NamedException);
   }
@@ -200,7 +200,7 @@ TEST(RpcUnixSocket, ServesLocalPeersAndKnowsTheirProcess) {
 TEST(RpcClientTest, ConnectingToAClosedPortFailsWithAReason) {
   int port = 0;
   { listenTcp(port); } // bound and closed again: nobody listens there now
-  auto client = RpcClient::connectTcp("127.0.0.1", port, 2s);
+  auto client = RpcClient::connectTcp("127.0.0.1", port, 2s, TlsClientOptions::plain());
   ASSERT_FALSE(client.ok());
   EXPECT_NE(client.message().find("cannot connect"), std::string::npos);
 }

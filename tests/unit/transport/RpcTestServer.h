@@ -156,7 +156,8 @@ protected:
     server = std::move(*started);
   }
   std::unique_ptr<RpcClient> connect() {
-    auto client = RpcClient::connectTcp("127.0.0.1", port, std::chrono::seconds(5));
+    auto client = RpcClient::connectTcp("127.0.0.1", port, std::chrono::seconds(5),
+                                        TlsClientOptions::plain());
     EXPECT_TRUE(client.ok()) << client.message();
     return client.ok() ? std::move(*client) : nullptr;
   }

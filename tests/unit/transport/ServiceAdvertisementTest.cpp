@@ -86,7 +86,8 @@ TEST(TxtRecord, EntriesAreLengthPrefixedInDictionaryOrderAndOnlyKnownKeysAppear)
 }
 
 TEST_F(ServiceAdvertisementTest, AnyInterfacePublishesPairsAndReportsFailures) {
-  advertisement.publishService({80, std::nullopt, std::nullopt, "Kestrin - a.local.", "Box"});
+  advertisement.publishService(
+      {80, std::nullopt, std::nullopt, "Kestrin - a.local.", "Box", std::string(64, 'f')});
   ASSERT_EQ(record.published.size(), 1u);
   const auto& published = record.published[0];
   EXPECT_EQ(published.type, "_kestrin._tcp.");
@@ -94,7 +95,8 @@ TEST_F(ServiceAdvertisementTest, AnyInterfacePublishesPairsAndReportsFailures) {
   EXPECT_EQ(published.name, ""); // the responder uses the host's name
   EXPECT_EQ(published.interfaceName, "");
   EXPECT_EQ(std::get<platform::TxtPairs>(published.txt),
-            (platform::TxtPairs{{"model", "Box"}, {"name", "Kestrin - a.local."}}));
+            (platform::TxtPairs{
+                {"model", "Box"}, {"name", "Kestrin - a.local."}, {"fp", std::string(64, 'f')}}));
   std::string log = machine.logText();
   EXPECT_NE(log.find("Broadcasting on any interface."), std::string::npos);
   EXPECT_NE(log.find("Publishing..."), std::string::npos);
@@ -105,7 +107,8 @@ TEST_F(ServiceAdvertisementTest, AnyInterfacePublishesPairsAndReportsFailures) {
 }
 
 TEST_F(ServiceAdvertisementTest, InterfaceBoundPublishesTheHandBuiltRecordAndStaysSilentOnFailure) {
-  advertisement.publishService({4000, "10.0.0.7", "eth1", "Kestrin - a.local.", std::nullopt});
+  advertisement.publishService(
+      {4000, "10.0.0.7", "eth1", "Kestrin - a.local.", std::nullopt, std::nullopt});
   ASSERT_EQ(record.published.size(), 1u);
   const auto& published = record.published[0];
   EXPECT_EQ(published.port, 4000);
@@ -120,7 +123,7 @@ TEST_F(ServiceAdvertisementTest, InterfaceBoundPublishesTheHandBuiltRecordAndSta
   EXPECT_TRUE(delegate.errors.empty());
 
   // Back to any interface: failures count again, and the same advertiser is reused.
-  advertisement.publishService({4000, "10.0.0.7", "", "n", std::nullopt});
+  advertisement.publishService({4000, "10.0.0.7", "", "n", std::nullopt, std::nullopt});
   EXPECT_EQ(record.published.back().interfaceName, "");
   record.listener->didNotPublish({{"NSNetServicesErrorCode", -6}});
   EXPECT_EQ(delegate.errors.size(), 1u);
