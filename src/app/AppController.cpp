@@ -85,7 +85,13 @@ AppController::AppController(Environment environment)
                               [this] { return hostName(); }, [this] { return isQuitting(); },
                               environment_.paths, environment_.tools});
   endpoint_ = std::make_unique<ListeningEndpoint>(
-      ListeningEndpoint::Environment{preferences_, workers_, guard_, registry_, *this},
+      ListeningEndpoint::Environment{
+          preferences_, workers_, guard_, registry_, *this,
+          environment_.paths.libraryDirectory(true).value_or(environment_.paths.machine().home +
+                                                             "/Library") +
+              "/Kestrin/agent-identity.pem",
+          environment_.paths.libraryDirectory(false).value_or("/Library") +
+              "/Preferences/Kestrin/authorized_admins"},
       rootObject_);
   callbackEndpoint_ = std::make_unique<CallbackEndpoint>(
       CallbackEndpoint::Environment{environment_.mainLoop, timer_, workers_, guard_, registry_,
@@ -348,7 +354,7 @@ void AppController::publishService() {
   guard_.run("-[AppController publishService]", [&] {
     advertisement_->publishService({endpoint_->listenPortNumber(), endpoint_->listenIPAddress(),
                                     endpoint_->listenBSDName(), endpoint_->pdoName(),
-                                    QVSysInfo::shared().machineType()});
+                                    QVSysInfo::shared().machineType(), endpoint_->fingerprint()});
   });
 }
 

@@ -11,6 +11,8 @@
 #include "platform/ListeningSocket.h"
 #include "transport/HostIdentity.h"
 #include "transport/ServiceAdvertisement.h"
+#include "transport/TlsIdentity.h"
+#include "transport/TlsStream.h"
 
 namespace kestrin {
 
@@ -28,7 +30,10 @@ public:
   explicit ServerDelegate(ListeningEndpoint& endpoint) : endpoint_(endpoint) {}
 
   bool shouldAcceptConnection(const transport::PeerInfo& peer) override {
-    return endpoint_.shouldMakeNewConnection(peer.address);
+    return endpoint_.shouldAcceptConsole(peer);
+  }
+  void handshakeFailed(const transport::PeerInfo& peer, const std::string& reason) override {
+    QVLog::fastAppendLog("Refused a connection from {}: {}", peer.address, reason);
   }
   void connectionDidInitialize(const transport::PeerInfo& peer) override {
     std::cerr << "initialized" << std::endl;
@@ -51,7 +56,8 @@ private:
 
 ListeningEndpoint::ListeningEndpoint(Environment environment, plist::ObjectRef root)
     : environment_(environment), root_(std::move(root)),
-      serverDelegate_(std::make_unique<ServerDelegate>(*this)) {}
+      serverDelegate_(std::make_unique<ServerDelegate>(*this)),
+      authorizedAdmins_(environment_.authorizedAdminsPath) {}
 
 ListeningEndpoint::~ListeningEndpoint() {
   std::lock_guard lock(mutex_);
@@ -81,6 +87,35 @@ std::optional<std::string> ListeningEndpoint::pdoName() const {
 std::optional<std::string> ListeningEndpoint::listenIPAddress() const {
   std::lock_guard lock(mutex_);
   return listenIPAddress_;
+}
+
+std::optional<std::string> ListeningEndpoint::fingerprint() const {
+  std::lock_guard lock(mutex_);
+  return fingerprint_;
+}
+
+// The agent's TLS settings, from the key kept in the user's Library. A key that exists but
+// cannot be read is not replaced: admins have pinned it, and a new one would look like an
+// impostor to every one of them.
+std::shared_ptr<const transport::TlsContext> ListeningEndpoint::tlsContext() {
+  if (tls_) {
+    return tls_;
+  }
+  auto identity = transport::TlsIdentity::loadOrCreate(
+      environment_.identityPath, "Kestrin - " + environment_.delegate.hostName());
+  if (!identity) {
+    QVLog::appendLogAndPrint("Unable to use the agent's TLS key: {}", identity.message());
+    return nullptr;
+  }
+  auto context = transport::TlsContext::make(transport::TlsContext::Side::Server, *identity);
+  if (!context) {
+    QVLog::appendLogAndPrint("Unable to use the agent's TLS key: {}", context.message());
+    return nullptr;
+  }
+  fingerprint_ = (*identity)->fingerprint();
+  QVLog::appendLog("TLS certificate fingerprint {}", *fingerprint_);
+  tls_ = *context;
+  return tls_;
 }
 
 std::optional<std::string> ListeningEndpoint::listenBSDName() const {
@@ -150,6 +185,12 @@ void ListeningEndpoint::startVendingOnPort(int port) {
       // its transport writes with MSG_NOSIGNAL, which is the same protection.
     }
 
+    auto tls = tlsContext();
+    if (!tls) {
+      delegate.updateStatus("Unable to start: the TLS key cannot be used");
+      return;
+    }
+
     QVLog::appendLog("Creating connection...");
     nameRegistration_.reset();
     if (server_) {
@@ -157,7 +198,8 @@ void ListeningEndpoint::startVendingOnPort(int port) {
       server_.reset();
     }
     auto server = socket ? transport::RpcServer::start(std::move(socket), root_,
-                                                       serverDelegate_.get(), environment_.workers)
+                                                       serverDelegate_.get(), environment_.workers,
+                                                       {}, transport::TlsServerOptions{tls})
                          : Expected<std::unique_ptr<transport::RpcServer>>(Failure{"no socket"});
     if (!server) {
       delegate.updateStatus("Unable to connect. Retrying in 10 seconds...");
@@ -212,6 +254,19 @@ void ListeningEndpoint::stopVending() {
   } catch (const std::exception& e) {
     std::cerr << "Exception in -[AppController stopVending]: " << e.what() << std::endl;
   }
+}
+
+bool ListeningEndpoint::shouldAcceptConsole(const transport::PeerInfo& peer) {
+  if (!shouldMakeNewConnection(peer.address)) {
+    return false;
+  }
+  auto verdict = authorizedAdmins_.judge(peer.fingerprint);
+  if (!verdict.accepted) {
+    // The server's thread never waits for the log.
+    QVLog::fastAppendLog("Refused admin console at {} with fingerprint {}: {}", peer.address,
+                         peer.fingerprint.value_or("(none)"), verdict.reason);
+  }
+  return verdict.accepted;
 }
 
 bool ListeningEndpoint::shouldMakeNewConnection(const std::string& peerAddress) {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "app/AuthorizedAdmins.h"
 #include "plist/Value.h"
 #include "transport/NameRegistry.h"
 #include "transport/RpcServer.h"
@@ -41,6 +42,10 @@ public:
     const ExceptionGuard& guard;
     transport::NameRegistry& registry;
     Delegate& delegate;
+    // The agent's TLS key and certificate, made there at the first start.
+    std::string identityPath;
+    // The admin consoles the facility accepts, when that file exists.
+    std::string authorizedAdminsPath;
   };
 
   ListeningEndpoint(Environment environment, plist::ObjectRef root);
@@ -60,24 +65,34 @@ public:
   // Every connection is accepted unless the "allowedAdminAddresses" preference lists the
   // addresses that may connect.
   bool shouldMakeNewConnection(const std::string& peerAddress);
+  // The same, and the console's certificate against the facility's list of admin consoles.
+  bool shouldAcceptConsole(const transport::PeerInfo& peer);
+
+  // The SHA-256 fingerprint of the agent's certificate, once the endpoint has loaded it.
+  std::optional<std::string> fingerprint() const;
 
   // "Kestrin - <host>" cut to 63 characters, as names are registered.
   static std::string registeredName(const std::string& name);
 
 private:
   class ServerDelegate;
+  std::shared_ptr<const transport::TlsContext> tlsContext();
 
   Environment environment_;
   plist::ObjectRef root_;
   std::unique_ptr<ServerDelegate> serverDelegate_;
+  AuthorizedAdmins authorizedAdmins_;
 
   mutable std::recursive_mutex mutex_;
   std::unique_ptr<transport::RpcServer> server_;
+  std::shared_ptr<const transport::TlsContext>
+      tls_; // made once: the key never changes while running
   std::unique_ptr<transport::NameRegistry::Registration> nameRegistration_;
   // Kept across restarts, so that a restarted service registers under the same name.
   std::optional<std::string> pdoName_;
   std::optional<std::string> listenIPAddress_;
   std::optional<std::string> listenBSDName_;
+  std::optional<std::string> fingerprint_;
   std::atomic<int> listenPortNumber_{0};
   std::atomic<bool> isConnected_{false};
 };

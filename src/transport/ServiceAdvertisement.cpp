@@ -42,9 +42,9 @@ int ServiceAdvertisement::advertisedPort(int listenPortNumber) {
   return listenPortNumber >= 1025 && listenPortNumber <= 65535 ? listenPortNumber : kWellKnownPort;
 }
 
-plist::Dictionary ServiceAdvertisement::txtDictionary(const std::optional<std::string>& model,
-                                                      const std::optional<std::string>& ip,
-                                                      const std::optional<std::string>& name) {
+plist::Dictionary ServiceAdvertisement::txtDictionary(
+    const std::optional<std::string>& model, const std::optional<std::string>& ip,
+    const std::optional<std::string>& name, const std::optional<std::string>& fingerprint) {
   plist::Dictionary txt;
   if (model) {
     txt.set("model", *model);
@@ -54,6 +54,9 @@ plist::Dictionary ServiceAdvertisement::txtDictionary(const std::optional<std::s
   }
   if (name) {
     txt.set("name", *name);
+  }
+  if (fingerprint) {
+    txt.set("fp", *fingerprint);
   }
   return txt;
 }
@@ -78,7 +81,8 @@ void ServiceAdvertisement::publishService(const AdvertisedEndpoint& endpoint) {
   platform::ServiceAdvertiser::Registration registration;
   registration.type = kServiceType;
   registration.port = advertisedPort(endpoint.listenPortNumber);
-  plist::Dictionary txt = txtDictionary(endpoint.model, endpoint.listenIPAddress, endpoint.pdoName);
+  plist::Dictionary txt = txtDictionary(endpoint.model, endpoint.listenIPAddress, endpoint.pdoName,
+                                        endpoint.fingerprint);
   if (!advertiser_) {
     advertiser_ = factory_(listener_);
   }

@@ -18,6 +18,7 @@ struct AdvertisedEndpoint {
   std::optional<std::string> listenBSDName;   // non-empty: advertise on this interface only
   std::optional<std::string> pdoName;         // "name", the endpoint's registered name
   std::optional<std::string> model;           // "model", the machine's model identifier
+  std::optional<std::string> fingerprint;     // "fp", the SHA-256 of the agent's certificate
 };
 
 // The DNS-SD advertisement of the listening endpoint as "_kestrin._tcp.". An absent responder
@@ -59,10 +60,11 @@ public:
 
   // The listening port when it lies in 1025..65535, otherwise kWellKnownPort.
   static int advertisedPort(int listenPortNumber);
-  // "model", "ip", "name", each only when known, in that order.
+  // "model", "ip", "name", "fp", each only when known, in that order.
   static plist::Dictionary txtDictionary(const std::optional<std::string>& model,
                                          const std::optional<std::string>& ip,
-                                         const std::optional<std::string>& name);
+                                         const std::optional<std::string>& name,
+                                         const std::optional<std::string>& fingerprint = {});
   // The record built by hand for an interface-bound registration: each "key=value" entry, in
   // the dictionary's order, preceded by a byte holding its length; values that are neither
   // strings nor numbers are left out; a single NUL byte when nothing is left.
