@@ -27,20 +27,46 @@ Expected<AgentAddress> parseAgentAddress(const std::string& text) {
   return address;
 }
 
+std::string addressText(const AgentAddress& address) {
+  return address.host.find(':') == std::string::npos
+             ? fmt::format("{}:{}", address.host, address.port)
+             : fmt::format("[{}]:{}", address.host, address.port);
+}
+
 Expected<std::unique_ptr<AdminClient>> AdminClient::connect(const AgentAddress& address,
                                                             std::chrono::milliseconds timeout,
-                                                            QVErrorCallback::Parent* parent) {
-  auto client = transport::RpcClient::connectTcp(address.host, address.port, timeout);
+                                                            QVErrorCallback::Parent* parent,
+                                                            const ConsoleTrust& trust) {
+  std::string where = addressText(address);
+  auto client =
+      transport::RpcClient::connectTcp(address.host, address.port, timeout, {true, trust.identity});
   if (!client) {
     return client.failure();
+  }
+  // The key is judged before anything is sent that an impostor could use.
+  const std::optional<std::string>& fingerprint = (*client)->peerFingerprint();
+  if (trust.known != nullptr && fingerprint) {
+    switch (trust.known->standing(where, *fingerprint)) {
+    case KnownAgents::Standing::Known:
+      break;
+    case KnownAgents::Standing::New:
+      if (auto recorded = trust.known->record(where, *fingerprint); !recorded) {
+        return Failure{fmt::format("cannot record the key of {}: {}", where, recorded.message())};
+      }
+      break;
+    case KnownAgents::Standing::Changed:
+      return Failure{fmt::format(
+          "the agent at {} presented the key SHA256:{}, but SHA256:{} was recorded for it in {}. "
+          "It may be an impostor, or its key was replaced. If you know it was replaced, accept "
+          "the new key with: ambrant trust {}",
+          where, *fingerprint, trust.known->recorded(where).value_or(""), trust.known->path(),
+          where)};
+    }
   }
   // Every call has the same limit as the connecting: a port that accepts and then says nothing
   // (another service, a stopped agent) must not hold the admin for ever.
   (*client)->setReplyTimeout(timeout);
   auto callback = std::make_shared<QVErrorCallback>(parent);
-  std::string where = address.host.find(':') == std::string::npos
-                          ? fmt::format("{}:{}", address.host, address.port)
-                          : fmt::format("[{}]:{}", address.host, address.port);
   try {
     (*client)->root()->invoke("setErrorCallback:", {plist::Value(plist::ObjectRef(callback))});
   } catch (const NamedException& e) {
@@ -51,9 +77,12 @@ Expected<std::unique_ptr<AdminClient>> AdminClient::connect(const AgentAddress& 
                                  where, std::chrono::duration<double>(timeout).count())};
     }
     if (e.name() == kInvalidSendPortException) {
-      return Failure{fmt::format("{} ended the connection without answering as a Kestrin agent "
-                                 "(not an agent, or one that does not accept this address): {}",
-                                 where, e.what())};
+      return Failure{
+          fmt::format("{} ended the connection without answering as a Kestrin agent "
+                      "(not an agent, or one that does not accept this address or this console: "
+                      "\"ambrant id\" prints the console's fingerprint for the "
+                      "agent's authorized_admins): {}",
+                      where, e.what())};
     }
     return Failure{fmt::format("cannot register the error callback: {} - {}", e.name(), e.what())};
   }

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "admin/KnownAgents.h"
 #include "admin/QVErrorCallback.h"
 #include "plist/Value.h"
 #include "support/Expected.h"
@@ -18,16 +19,28 @@ struct AgentAddress {
   int port = 0;
 };
 Expected<AgentAddress> parseAgentAddress(const std::string& text);
+// "host:port", "[v6 address]:port": how the address is written back, and how agents are known.
+std::string addressText(const AgentAddress& address);
+
+// How a console trusts agents: the identity it presents to every one (the agent may accept
+// only listed consoles), and the agents it has met, whose keys it pins. Without `known` any
+// key the agent presents is taken.
+struct ConsoleTrust {
+  std::shared_ptr<const transport::TlsIdentity> identity;
+  const KnownAgents* known = nullptr;
+};
 
 // An administrator's connection to one agent, with an error callback registered so that the
 // agent's errors, progress and task-finished events reach this process.
 class AdminClient {
 public:
-  // Connects and registers the callback; events go to parent (may be null). `timeout` limits
-  // the connecting and every call after it; zero is no limit.
+  // Connects over TLS, checks the agent's key against what `trust` knows (recording it at the
+  // first contact), and registers the callback; events go to parent (may be null). `timeout`
+  // limits the connecting and every call after it; zero is no limit.
   static Expected<std::unique_ptr<AdminClient>> connect(const AgentAddress& address,
                                                         std::chrono::milliseconds timeout,
-                                                        QVErrorCallback::Parent* parent);
+                                                        QVErrorCallback::Parent* parent,
+                                                        const ConsoleTrust& trust = {});
 
   // Calls one of the agent's operations. Throws NamedException as RemoteObject::invoke does.
   plist::Value call(const std::string& selector, std::vector<plist::Value> arguments = {});

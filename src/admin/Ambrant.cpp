@@ -27,6 +27,8 @@
 #include "platform/ServiceBrowser.h"
 #include "plist/PropertyList.h"
 #include "support/NamedException.h"
+#include "transport/RpcClient.h"
+#include "transport/TlsIdentity.h"
 
 namespace kestrin::admin {
 
@@ -340,6 +342,35 @@ int encryptPassword(CommandLine& command) {
   return kExitOk;
 }
 
+// The fingerprint of the certificate the agent at `where` presents, from a TLS handshake and
+// nothing more.
+Expected<std::string> presentedFingerprint(const CommandLine& command, const std::string& host,
+                                           int port, std::chrono::milliseconds limit) {
+  auto client =
+      transport::RpcClient::connectTcp(host, port, limit, {true, command.trust().identity});
+  if (!client) {
+    return client.failure();
+  }
+  if (!(*client)->peerFingerprint()) {
+    return Failure{"the agent presented no certificate"};
+  }
+  return *(*client)->peerFingerprint();
+}
+
+std::string_view standingText(KnownAgents::Standing standing) {
+  switch (standing) {
+  case KnownAgents::Standing::Known:
+    return "known";
+  case KnownAgents::Standing::New:
+    return "new";
+  case KnownAgents::Standing::Changed:
+    return "CHANGED";
+  }
+  return "";
+}
+
+// One line per agent: name, host, port, whether its key is known, new or changed, whether the
+// key it presents is the one it advertises, and its TXT entries.
 int browse(CommandLine& command) {
   command.operands({});
   // Browsing waits for answers rather than for one peer: a few seconds unless told.
@@ -349,12 +380,62 @@ int browse(CommandLine& command) {
     throw CommandFailure(kExitUnreachable, found.message());
   }
   for (const platform::FoundService& service : *found) {
-    std::cout << service.name << "\t" << service.host << "\t" << service.port;
-    for (const auto& [key, value] : service.txt) {
-      std::cout << "\t" << key << "=" << value;
+    // Reached at the address the responder resolved: the host's .local name may be one that
+    // only DNS-SD knows. Known under either name.
+    std::string reach = service.address.empty() ? service.host : service.address;
+    std::optional<std::string> advertised;
+    for (const auto& [name, value] : service.txt) {
+      if (name == "fp") {
+        advertised = transport::normalizedFingerprint(value);
+      }
+    }
+    auto presented = presentedFingerprint(command, reach, service.port, 3000ms);
+    std::optional<std::string> key = presented ? std::optional(*presented) : advertised;
+    auto standing = KnownAgents::Standing::New;
+    for (const std::string& host : {reach, service.host}) {
+      if (key && standing == KnownAgents::Standing::New) {
+        standing = command.knownAgents().standing(addressText({host, service.port}), *key);
+      }
+    }
+    std::cout << service.name << "\t" << service.host << "\t" << service.port << "\t"
+              << (key ? standingText(standing) : "no key") << "\t"
+              << (!presented                                ? "unreachable"
+                  : advertised && *advertised == *presented ? "consistent"
+                                                            : "INCONSISTENT");
+    for (const auto& [name, value] : service.txt) {
+      std::cout << "\t" << name << "=" << value;
     }
     std::cout << std::endl;
   }
+  return kExitOk;
+}
+
+// Accepts the key the agent presents now, after its key was replaced on purpose.
+int trust(CommandLine& command) {
+  auto operands = command.operands({"HOST:PORT"});
+  auto address = parseAgentAddress(operands[0]);
+  if (!address) {
+    throw UsageError(address.message());
+  }
+  auto presented = presentedFingerprint(command, address->host, address->port, command.timeout());
+  if (!presented) {
+    throw CommandFailure(kExitUnreachable, presented.message());
+  }
+  std::string where = addressText(*address);
+  auto before = command.knownAgents().recorded(where);
+  if (auto recorded = command.knownAgents().record(where, *presented); !recorded) {
+    throw CommandFailure(kExitAgentError, recorded.message());
+  }
+  std::cout << where << " is known by SHA256:" << *presented
+            << (before && *before != *presented ? " (it was SHA256:" + *before + ")" : "")
+            << std::endl;
+  return kExitOk;
+}
+
+// This console's fingerprint, for an agent's authorized_admins.
+int id(CommandLine& command) {
+  command.operands({});
+  std::cout << "SHA256:" << command.trust().identity->fingerprint() << std::endl;
   return kExitOk;
 }
 
@@ -377,7 +458,9 @@ struct Command {
 constexpr Command kCommands[] = {
     {"browse", "", "list the agents advertised as _kestrin._tcp. on the local network",
      "Waits 3 s for answers (--timeout changes that) and prints one line per agent: its name,\n"
-     "host, port and TXT entries. Needs avahi-daemon running on this machine.\n",
+     "host and port; whether its key is known, new or CHANGED since the first contact; whether\n"
+     "the key it presents is the one it advertises (consistent); and its TXT entries. Needs\n"
+     "avahi-daemon running on this machine.\n",
      browse},
     {"call",
      "HOST:PORT SELECTOR [ARG ...] [--xml] [--linger SECONDS] [--user NAME [--password-stdin]]",
@@ -417,6 +500,14 @@ constexpr Command kCommands[] = {
      "PATH is a backup folder on the agent's machine; FILE is written 0600.\n", backup},
     {"restore", "HOST:PORT FILE", "send a saved backup to an agent, which restores it",
      "FILE is what \"ambrant backup\" saved.\n", restore},
+    {"trust", "HOST:PORT", "accept the key an agent presents now, after it was replaced",
+     "Records the agent's current key in known_agents, in place of the one met before. Do it\n"
+     "only when you know why the key changed: an impostor presents a different key too.\n",
+     trust},
+    {"id", "", "print this console's fingerprint, for an agent's authorized_admins",
+     "The console's key and certificate are made at its first use, in its configuration\n"
+     "folder ($XDG_CONFIG_HOME/ambrant or ~/.config/ambrant).\n",
+     id},
     {"encrypt-password", "", "print the \"authPass\" data for a password read from standard input",
      "Reads one line without echo on a terminal and prints the encrypted form in base64.\n",
      encryptPassword},

@@ -4,15 +4,34 @@
 #include <charconv>
 #include <cmath>
 
+#include <unistd.h>
+
 #include <fmt/format.h>
 
 #include "support/NamedException.h"
+#include "transport/TlsIdentity.h"
 
 namespace kestrin::admin {
 
 CommandLine::CommandLine(std::vector<std::string> arguments, std::chrono::milliseconds timeout,
                          bool timeoutGiven)
-    : arguments_(std::move(arguments)), timeout_(timeout), timeoutGiven_(timeoutGiven) {}
+    : arguments_(std::move(arguments)), timeout_(timeout), timeoutGiven_(timeoutGiven),
+      known_(consoleConfigurationFolder() + "/known_agents") {}
+
+const ConsoleTrust& CommandLine::trust() const {
+  if (!trust_) {
+    std::string path = consoleConfigurationFolder() + "/identity.pem";
+    char host[256] = {};
+    ::gethostname(host, sizeof host - 1);
+    auto identity = transport::TlsIdentity::loadOrCreate(path, std::string("ambrant on ") + host);
+    if (!identity) {
+      throw CommandFailure(kExitUnreachable,
+                           "cannot use this console's TLS key: " + identity.message());
+    }
+    trust_ = ConsoleTrust{*identity, &known_};
+  }
+  return *trust_;
+}
 
 bool CommandLine::flag(std::string_view name) {
   for (auto it = arguments_.begin(); it != arguments_.end(); ++it) {
@@ -87,7 +106,7 @@ std::unique_ptr<AdminClient> CommandLine::connect(const std::string& where,
   if (!address) {
     throw UsageError(address.message());
   }
-  auto client = AdminClient::connect(*address, timeout_, events);
+  auto client = AdminClient::connect(*address, timeout_, events, trust());
   if (!client) {
     throw CommandFailure(kExitUnreachable, client.message());
   }

@@ -66,12 +66,19 @@ public:
   std::unique_ptr<AdminClient> connect(const std::string& where,
                                        QVErrorCallback::Parent* events = nullptr) const;
 
+  // This console's identity and the agents it knows, from its configuration folder; the
+  // identity is made at the first use.
+  const ConsoleTrust& trust() const;
+  const KnownAgents& knownAgents() const { return known_; }
+
 private:
   void refuseLeftOptions() const;
 
   std::vector<std::string> arguments_;
   std::chrono::milliseconds timeout_;
   bool timeoutGiven_;
+  KnownAgents known_;
+  mutable std::optional<ConsoleTrust> trust_;
 };
 
 // Calls an operation; an error the agent raised ends the command with kExitAgentError, a

@@ -305,11 +305,12 @@ TEST_F(AdministratorRights, ParallelGuessesReachThePasswordCheckOnlyAFewAtATime)
 // passed through), not its environment, and no password is left in it after use.
 TEST_F(AdministratorRights, AnAuthenticatedTaskLeavesNothingForTheAgentsOwnUserToRead) {
   // The admin side takes the password on standard input, never on its command line.
+  testing::TempDir console;
   auto ran = testing::runProgram(
-      {KESTRIN_AMBRANT_PATH, "call", "127.0.0.1:" + std::to_string(port),
-       "authExecuteTask:bundleID:options:username:password:", "\"whoami\"",
-       "\"com.quorvane.Tibbet\"", "null", "{\"$user\":null}", "{\"$password\":null}", "--user",
-       administrator_->name(), "--password-stdin"},
+      {"/usr/bin/env", "XDG_CONFIG_HOME=" + console.path().string(), KESTRIN_AMBRANT_PATH, "call",
+       "127.0.0.1:" + std::to_string(port), "authExecuteTask:bundleID:options:username:password:",
+       "\"whoami\"", "\"com.quorvane.Tibbet\"", "null", "{\"$user\":null}", "{\"$password\":null}",
+       "--user", administrator_->name(), "--password-stdin"},
       administrator_->password() + "\n");
   EXPECT_EQ(ran.status, 0) << ran.output;
   ASSERT_TRUE(eventually([&] { return readText(marker()) == "0\n"; }));

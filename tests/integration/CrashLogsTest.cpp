@@ -138,9 +138,16 @@ TEST_F(CrashLogs, AnAdminThatVanishesHalfwayEndsOnlyItsOwnDelivery) {
   ::posix_spawn_file_actions_init(&actions);
   ::posix_spawn_file_actions_adddup2(&actions, errors[1], STDERR_FILENO);
   ::posix_spawn_file_actions_addclose(&actions, errors[0]);
-  std::string program = KESTRIN_AMBRANT_PATH;
-  std::vector<std::string> arguments{
-      program, "call", address(), "crashLogsSinceDate:delegate:", "null", "{\"$delegate\":{}}"};
+  std::string program = "/usr/bin/env";
+  testing::TempDir console;
+  std::vector<std::string> arguments{program,
+                                     "XDG_CONFIG_HOME=" + console.path().string(),
+                                     KESTRIN_AMBRANT_PATH,
+                                     "call",
+                                     address(),
+                                     "crashLogsSinceDate:delegate:",
+                                     "null",
+                                     "{\"$delegate\":{}}"};
   std::vector<char*> argv;
   for (auto& argument : arguments) {
     argv.push_back(argument.data());

@@ -35,19 +35,28 @@ std::string hostShortName() {
   return name;
 }
 
-TEST(Dnssd, AmbrantBrowseFindsTheAgentWithItsTxtEntries) {
+TEST(Dnssd, AmbrantBrowseFindsTheAgentWithItsTxtEntriesAndKey) {
   RunningAgent agent;
+  testing::TempDir console;
   int port = agent.waitForPort();
   ASSERT_NE(port, 0);
   std::string line;
   ASSERT_TRUE(eventually(
       [&] {
-        line = run(std::string(KESTRIN_AMBRANT_PATH) + " browse --timeout 2");
+        line = run("XDG_CONFIG_HOME='" + console.path().string() + "' " + KESTRIN_AMBRANT_PATH +
+                   " browse --timeout 2");
         return line.find("\t" + std::to_string(port)) != std::string::npos;
       },
       15s))
       << line;
   EXPECT_NE(line.find("name=Kestrin - "), std::string::npos) << line;
+  // The advertised key is the one the agent presents, and this console has not met it yet.
+  std::string log = agent.logText();
+  std::string marker = "TLS certificate fingerprint ";
+  ASSERT_NE(log.find(marker), std::string::npos);
+  std::string fingerprint = log.substr(log.find(marker) + marker.size(), 64);
+  EXPECT_NE(line.find("\tnew\tconsistent\t"), std::string::npos) << line;
+  EXPECT_NE(line.find("\tfp=" + fingerprint), std::string::npos) << line;
   EXPECT_TRUE(agent.logContains("Broadcasting on any interface."));
   EXPECT_TRUE(agent.logContains("Publishing..."));
 }

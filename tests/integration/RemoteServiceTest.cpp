@@ -7,9 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <capnp/ez-rpc.h>
+#include <capnp/rpc-twoparty.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <kj/async-io.h>
 
 #include "RunningAgent.h"
 #include "admin/AdminClient.h"
@@ -21,6 +22,7 @@
 #include "foundation/QVEncryption.h"
 #include "platform/NotificationCenter.h"
 #include "support/NamedException.h"
+#include "transport/TlsStream.h"
 #include "transport/remote.capnp.h"
 
 namespace kestrin {
@@ -223,13 +225,22 @@ TEST_F(RemoteService, EncryptedPasswordsFromAmbrantOpenRightsOnlyForValidCredent
 std::pair<std::string, std::string> callWithEmptyElements(int port, const std::string& selector,
                                                           unsigned count) {
   try {
-    capnp::EzRpcClient raw("127.0.0.1", static_cast<capnp::uint>(port));
-    auto request = raw.getMain().typelessRequest(capnp::typeId<transport::wire::RemoteObject>(), 0,
-                                                 capnp::MessageSize{16, 0});
+    // Over TLS, as the agent speaks nothing else; the messages inside are the peer's own.
+    auto io = kj::setupAsyncIo();
+    auto stream = io.provider->getNetwork()
+                      .parseAddress("127.0.0.1", static_cast<capnp::uint>(port))
+                      .wait(io.waitScope)
+                      ->connect()
+                      .wait(io.waitScope);
+    auto context = transport::TlsContext::make(transport::TlsContext::Side::Client, nullptr);
+    auto secured = transport::TlsStream::handshake(kj::mv(stream), *context).wait(io.waitScope);
+    capnp::TwoPartyClient raw(*secured);
+    auto request = raw.bootstrap().castAs<transport::wire::RemoteObject>().typelessRequest(
+        capnp::typeId<transport::wire::RemoteObject>(), 0, capnp::MessageSize{16, 0});
     auto params = request.initAsAnyStruct(0, 2);
     params.getPointerSection()[0].setAs<capnp::Text>(selector);
     params.getPointerSection()[1].initAsAnyList(capnp::ElementSize::VOID, count);
-    auto response = request.send().wait(raw.getWaitScope());
+    auto response = request.send().wait(io.waitScope);
     auto raised = response.getAs<transport::wire::RemoteObject::InvokeResults>().getRaised();
     return {raised.getName().cStr(), raised.getReason().cStr()};
   } catch (const kj::Exception& e) {

@@ -116,9 +116,14 @@ inline bool accepting(int port) {
 #ifdef KESTRIN_AMBRANT_PATH
 // Runs ambrant with a command line's arguments and `redirection` for its standard error;
 // answers its exit status and standard output.
+// The console is a new one each time (its own key, no agent met before) unless `console` names
+// its configuration folder: loopback ports come round again with other agents behind them.
 inline std::pair<int, std::string> runAmbrantCommand(const std::string& arguments,
-                                                     const std::string& redirection) {
-  std::string command = std::string(KESTRIN_AMBRANT_PATH) + " " + arguments + " " + redirection;
+                                                     const std::string& redirection,
+                                                     const std::string& console = "") {
+  TempDir fresh;
+  std::string command = "XDG_CONFIG_HOME='" + (console.empty() ? fresh.path().string() : console) +
+                        "' " + KESTRIN_AMBRANT_PATH + " " + arguments + " " + redirection;
   FILE* pipe = ::popen(command.c_str(), "r");
   std::string out;
   char buffer[4096];
@@ -140,9 +145,10 @@ struct AmbrantRun {
   std::string out;
   std::string err;
 };
-inline AmbrantRun runAmbrantIn(const std::filesystem::path& scratch, const std::string& arguments) {
+inline AmbrantRun runAmbrantIn(const std::filesystem::path& scratch, const std::string& arguments,
+                               const std::string& console = "") {
   std::filesystem::path err = scratch / "ambrant.err";
-  auto [status, out] = runAmbrantCommand(arguments, "2>'" + err.string() + "'");
+  auto [status, out] = runAmbrantCommand(arguments, "2>'" + err.string() + "'", console);
   return {status, out, readText(err)};
 }
 #endif
