@@ -94,7 +94,8 @@ TlsContext::~TlsContext() {
 
 TlsStream::TlsStream(kj::Own<kj::AsyncIoStream> inner, std::shared_ptr<const TlsContext> context)
     : inner_(kj::mv(inner)), context_(std::move(context)),
-      writeQueue_(kj::Promise<void>(kj::READY_NOW).fork()) {
+      writeQueue_(kj::Promise<void>(kj::READY_NOW).fork()),
+      incomingBuffer_(kj::heapArray<kj::byte>(kReadChunk)) {
   ssl_ = SSL_new(context_->native());
   incoming_ = BIO_new(BIO_s_mem());
   outgoing_ = BIO_new(BIO_s_mem());
@@ -181,15 +182,15 @@ kj::Promise<void> TlsStream::flush() {
 }
 
 kj::Promise<bool> TlsStream::receive() {
-  auto buffer = kj::heapArray<kj::byte>(kReadChunk);
-  kj::byte* start = buffer.begin();
-  return inner_->tryRead(start, 1, kReadChunk).then([this, buffer = kj::mv(buffer)](size_t count) {
-    if (count == 0) {
-      return false;
-    }
-    BIO_write(incoming_, buffer.begin(), static_cast<int>(count));
-    return true;
-  });
+  // One read at a time, so one buffer serves them all.
+  return inner_->tryRead(incomingBuffer_.begin(), 1, incomingBuffer_.size())
+      .then([this](size_t count) {
+        if (count == 0) {
+          return false;
+        }
+        BIO_write(incoming_, incomingBuffer_.begin(), static_cast<int>(count));
+        return true;
+      });
 }
 
 kj::Promise<size_t> TlsStream::tryRead(void* buffer, size_t minBytes, size_t maxBytes) {
@@ -253,22 +254,19 @@ kj::Promise<void> TlsStream::write(const void* buffer, size_t size) {
 }
 
 kj::Promise<void> TlsStream::write(kj::ArrayPtr<const kj::ArrayPtr<const kj::byte>> pieces) {
+  // A message comes in pieces (its segment table, its segments): one record for all of them
+  // costs less than a record each.
+  size_t total = 0;
   for (const auto& piece : pieces) {
-    const kj::byte* bytes = piece.begin();
-    size_t size = piece.size();
-    while (size > 0) {
-      ERR_clear_error();
-      int chunk = static_cast<int>(std::min<size_t>(size, INT_MAX));
-      int result = SSL_write(ssl_, bytes, chunk);
-      if (result <= 0) {
-        std::string reason = openSslErrors();
-        return failure(kj::Exception::Type::DISCONNECTED, "TLS write failed: " + reason);
-      }
-      bytes += result;
-      size -= static_cast<size_t>(result);
-    }
+    total += piece.size();
   }
-  return flush();
+  auto joined = kj::heapArray<kj::byte>(total);
+  kj::byte* at = joined.begin();
+  for (const auto& piece : pieces) {
+    std::copy(piece.begin(), piece.end(), at);
+    at += piece.size();
+  }
+  return write(joined.begin(), joined.size());
 }
 
 kj::Promise<void> TlsStream::whenWriteDisconnected() {

@@ -84,6 +84,7 @@ private:
   BIO* incoming_ = nullptr; // owned by ssl_
   BIO* outgoing_ = nullptr; // owned by ssl_
   kj::ForkedPromise<void> writeQueue_;
+  kj::Array<kj::byte> incomingBuffer_;
   bool readEnded_ = false;
 };
 
