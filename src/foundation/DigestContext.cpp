@@ -23,7 +23,9 @@ void DigestContext::Free::operator()(evp_md_ctx_st* context) const {
 }
 
 DigestContext::DigestContext(Algorithm algorithm) : context_(EVP_MD_CTX_new()) {
-  const EVP_MD* type = algorithm == Algorithm::MD5 ? EVP_md5() : EVP_sha1();
+  const EVP_MD* type = algorithm == Algorithm::MD5    ? EVP_md5()
+                       : algorithm == Algorithm::SHA1 ? EVP_sha1()
+                                                      : EVP_sha256();
   if (!context_ || EVP_DigestInit_ex(context_.get(), type, nullptr) != 1) {
     throw std::runtime_error("MD5 and SHA-1 are not available");
   }

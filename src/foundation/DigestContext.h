@@ -11,8 +11,8 @@ struct evp_md_ctx_st;
 
 namespace kestrin {
 
-// A running MD5 or SHA-1 digest, fed piece by piece while a file streams past (the verified
-// copy feeds one per destination). Copying a context copies its state, so a copy can be
+// A running MD5, SHA-1 or SHA-256 digest, fed piece by piece while a file streams past (the
+// verified copy feeds one per destination). Copying a context copies its state, so a copy can be
 // finished while the original goes on. The two algorithms are separate types, so a finisher
 // cannot be handed the wrong one.
 class DigestContext {
@@ -30,7 +30,7 @@ public:
   plist::Data digest() const;
 
 protected:
-  enum class Algorithm { MD5, SHA1 };
+  enum class Algorithm { MD5, SHA1, SHA256 };
   explicit DigestContext(Algorithm algorithm);
 
 private:
@@ -48,6 +48,11 @@ public:
 class Sha1Context final : public DigestContext {
 public:
   Sha1Context() : DigestContext(Algorithm::SHA1) {}
+};
+
+class Sha256Context final : public DigestContext {
+public:
+  Sha256Context() : DigestContext(Algorithm::SHA256) {}
 };
 
 } // namespace kestrin

@@ -1,0 +1,98 @@
+#include "platform/HttpFetch.h"
+
+#include <mutex>
+
+#include <curl/curl.h>
+#include <fmt/format.h>
+
+namespace kestrin::platform {
+
+namespace {
+
+struct Download {
+  plist::Data body;
+  std::size_t limit = 0;
+  bool tooLarge = false;
+};
+
+std::size_t receive(char* bytes, std::size_t size, std::size_t count, void* userData) {
+  auto* download = static_cast<Download*>(userData);
+  std::size_t length = size * count;
+  if (download->body.size() + length > download->limit) {
+    download->tooLarge = true;
+    return 0; // ends the transfer
+  }
+  download->body.insert(download->body.end(), bytes, bytes + length);
+  return length;
+}
+
+bool startsWith(const std::string& text, std::string_view prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+bool isLoopbackHttp(const std::string& url) {
+  for (std::string_view prefix : {"http://127.0.0.1:", "http://127.0.0.1/", "http://localhost:",
+                                  "http://localhost/", "http://[::1]:", "http://[::1]/"}) {
+    if (startsWith(url, prefix)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+} // namespace
+
+bool isFetchableUrl(const std::string& url) {
+  return startsWith(url, "https://") || isLoopbackHttp(url);
+}
+
+Expected<plist::Data> httpGet(const std::string& url, const HttpLimits& limits) {
+  static std::once_flag initialized;
+  std::call_once(initialized, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+  if (!isFetchableUrl(url)) {
+    return Failure{fmt::format("{} is neither https nor this machine's own http", url)};
+  }
+  std::unique_ptr<CURL, void (*)(CURL*)> curl(curl_easy_init(), curl_easy_cleanup);
+  if (!curl) {
+    return Failure{"cannot start a download"};
+  }
+  Download download;
+  download.limit = limits.maxBytes;
+  // Loopback http may redirect to loopback http; anything else only ever to https.
+  const char* protocols = isLoopbackHttp(url) ? "http,https" : "https";
+  char error[CURL_ERROR_SIZE] = {};
+  CURL* c = curl.get();
+  curl_easy_setopt(c, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, protocols);
+  curl_easy_setopt(c, CURLOPT_REDIR_PROTOCOLS_STR, protocols);
+  curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(c, CURLOPT_MAXREDIRS, limits.maxRedirects);
+  curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(c, CURLOPT_SSL_VERIFYHOST, 2L);
+  curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(limits.connect.count()));
+  curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, static_cast<long>(limits.total.count()));
+  curl_easy_setopt(c, CURLOPT_LOW_SPEED_LIMIT, 1L);
+  curl_easy_setopt(c, CURLOPT_LOW_SPEED_TIME, static_cast<long>(limits.stall.count()));
+  curl_easy_setopt(c, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(limits.maxBytes));
+  curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L); // never a signal in a threaded agent
+  curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, &receive);
+  curl_easy_setopt(c, CURLOPT_WRITEDATA, &download);
+  curl_easy_setopt(c, CURLOPT_ERRORBUFFER, error);
+  curl_easy_setopt(c, CURLOPT_USERAGENT, "Kestrin");
+  CURLcode result = curl_easy_perform(c);
+  if (download.tooLarge || result == CURLE_FILESIZE_EXCEEDED) {
+    return Failure{fmt::format("{} is larger than the {} bytes allowed", url, limits.maxBytes)};
+  }
+  if (result != CURLE_OK) {
+    return Failure{fmt::format("cannot download {}: {}", url,
+                               error[0] != '\0' ? error : curl_easy_strerror(result))};
+  }
+  long status = 0;
+  curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
+  if (status < 200 || status > 299) {
+    return Failure{fmt::format("{} answered HTTP status {}", url, status)};
+  }
+  return std::move(download.body);
+}
+
+} // namespace kestrin::platform
