@@ -37,7 +37,9 @@ public:
     std::string root = "KESTRIN_ROOT=" + folders.root.string();
     std::string runtime = "XDG_RUNTIME_DIR=" + folders.runtime.string();
     std::string path = "PATH=/usr/bin:/bin";
-    char* envp[] = {home.data(), root.data(), runtime.data(), path.data(), nullptr};
+    // Never the maker's real update feed: a closed loopback port.
+    std::string feed = "KESTRIN_SOFTWARE_UPDATE_FEED=http://127.0.0.1:9/no-feed.plist";
+    char* envp[] = {home.data(), root.data(), runtime.data(), path.data(), feed.data(), nullptr};
     std::string agent = program;
     char* argv[] = {agent.data(), nullptr};
     posix_spawn_file_actions_t actions;

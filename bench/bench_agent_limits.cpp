@@ -91,7 +91,8 @@ private:
     std::string root = "KESTRIN_ROOT=" + (dir / "root").string();
     std::string runtime = "XDG_RUNTIME_DIR=" + dir.string();
     std::string path = "PATH=/usr/bin:/bin";
-    char* envp[] = {home.data(), root.data(), runtime.data(), path.data(), nullptr};
+    std::string feed = "KESTRIN_SOFTWARE_UPDATE_FEED=http://127.0.0.1:9/no-feed.plist";
+    char* envp[] = {home.data(), root.data(), runtime.data(), path.data(), feed.data(), nullptr};
     char* argv[] = {agent.data(), nullptr};
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);

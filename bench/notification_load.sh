@@ -21,6 +21,7 @@ read -r address bus_pid < <(dbus-daemon --session --fork --print-address=1 --pri
   paste -sd' ')
 export DBUS_SESSION_BUS_ADDRESS=$address
 HOME=$scratch/home KESTRIN_ROOT=$scratch/root XDG_RUNTIME_DIR=$scratch/run \
+  KESTRIN_SOFTWARE_UPDATE_FEED=http://127.0.0.1:9/no-feed.plist \
   "$agent" >"$scratch/out" 2>&1 &
 agent_pid=$!
 for _ in $(seq 100); do grep -q "Listening on port" "$scratch/out" && break; sleep 0.1; done

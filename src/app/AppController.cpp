@@ -174,8 +174,10 @@ bool AppController::init() {
   const std::string* last = lastRunVersion.asString();
   if (last == nullptr || *last != version) {
     setObjectForPreferenceDictionaryKey(version, "lastRunVersion");
-    // NOT YET BUILT: a software-update check starts here on a worker
-    // (forceSoftwareUpdateCheck), once software updates exist.
+    workers_.submit([this] {
+      guard_.run("-[AppController forceSoftwareUpdateCheck]",
+                 [this] { operations_->forceSoftwareUpdateCheck(); });
+    });
   }
   // NOT YET BUILT: the render-cluster list loads here on a worker (qmasterClusters), once
   // the render-cluster operations exist.
@@ -536,6 +538,12 @@ plist::Value AppController::availableUpdateCount() const {
 plist::Value AppController::availableUpdateCountLastUpdate() const {
   std::lock_guard lock(stateMutex_);
   return availableUpdateCountLastUpdate_;
+}
+
+void AppController::setAvailableUpdateCount(plist::Value count, plist::Value lastUpdate) {
+  std::lock_guard lock(stateMutex_);
+  availableUpdateCount_ = std::move(count);
+  availableUpdateCountLastUpdate_ = std::move(lastUpdate);
 }
 
 } // namespace kestrin

@@ -128,6 +128,7 @@ public:
   std::optional<std::string> takeLastCrashLogPath() override;
   plist::Value availableUpdateCount() const override;
   plist::Value availableUpdateCountLastUpdate() const override;
+  void setAvailableUpdateCount(plist::Value count, plist::Value lastUpdate) override;
 
   // ---- parts, for the entry point and tests
   const operations::AgentBundle& bundle() const { return bundle_; }

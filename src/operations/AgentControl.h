@@ -24,6 +24,7 @@ public:
   // The cached software-update count and the date it was taken (null until known).
   virtual plist::Value availableUpdateCount() const = 0;
   virtual plist::Value availableUpdateCountLastUpdate() const = 0;
+  virtual void setAvailableUpdateCount(plist::Value count, plist::Value lastUpdate) = 0;
 };
 
 } // namespace kestrin::operations

@@ -12,6 +12,7 @@
 #include "operations/PluginOperations.h"
 #include "operations/ScallinOperations.h"
 #include "operations/SevrinOperations.h"
+#include "operations/SoftwareUpdateOperations.h"
 #include "operations/TaskOperations.h"
 #include "operations/TibbetOperations.h"
 
@@ -22,8 +23,8 @@ struct AgentOperations::Groups {
       : controller(s.agent, s.bundle), errorChannel(s.errorChannel, s.callbackRelay),
         credentials(s.credentials, s.errorChannel), tasks(s),
         configuration(s.applications, s.bundle, s.agent), lintrow(s), feldane(s), tibbet(s),
-        hembry(s), orrick(s), scallin(s), sevrin(s.paths, s.errorChannel), plugins(s),
-        crashLogs(s) {}
+        hembry(s), orrick(s), scallin(s), sevrin(s.paths, s.errorChannel), plugins(s), crashLogs(s),
+        softwareUpdates(s) {}
 
   ControllerOperations controller;
   ErrorChannelOperations errorChannel;
@@ -39,6 +40,7 @@ struct AgentOperations::Groups {
   SevrinOperations sevrin;
   PluginOperations plugins;
   CrashLogOperations crashLogs;
+  SoftwareUpdateOperations softwareUpdates;
 };
 
 AgentOperations::AgentOperations(const Services& services)
@@ -57,10 +59,15 @@ AgentOperations::AgentOperations(const Services& services)
   groups_->scallin.registerIn(table_);
   groups_->sevrin.registerIn(table_);
   groups_->crashLogs.registerIn(table_);
+  groups_->softwareUpdates.registerIn(table_);
 }
 
 void AgentOperations::cacheSevrinSystemInfo() {
   groups_->sevrin.cacheSevrinSystemInfo();
+}
+
+void AgentOperations::forceSoftwareUpdateCheck() {
+  groups_->softwareUpdates.forceSoftwareUpdateCheck();
 }
 
 AgentOperations::~AgentOperations() = default;

@@ -22,6 +22,9 @@ public:
   // Start-up work that is no remote operation: gathers the system profile that Sevrin's
   // operation answers, so that the first request finds it ready. Slow; for a worker.
   void cacheSevrinSystemInfo();
+  // Start-up's software-update count when the agent's version changed. Runs the updater; for a
+  // worker.
+  void forceSoftwareUpdateCheck();
 
 private:
   struct Groups;
