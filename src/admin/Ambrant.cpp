@@ -23,6 +23,7 @@
 #include "admin/PluginCommands.h"
 #include "admin/PrintingDelegate.h"
 #include "admin/SavedLogs.h"
+#include "admin/UpdateCommands.h"
 #include "foundation/QVEncryption.h"
 #include "platform/ServiceBrowser.h"
 #include "plist/PropertyList.h"
@@ -508,6 +509,16 @@ constexpr Command kCommands[] = {
      "The console's key and certificate are made at its first use, in its configuration\n"
      "folder ($XDG_CONFIG_HOME/ambrant or ~/.config/ambrant).\n",
      id},
+    {"updates", "HOST:PORT", "how many updates of the maker's software wait, and which",
+     "Prints the agent's count (refreshed at most once a day) and the updater's list, one\n"
+     "update a line: bundle identifier, name, version, type.\n",
+     [](CommandLine& command) { return updatesCommand(command); }},
+    {"install-update", "HOST:PORT BUNDLEID TYPE [--user NAME [--password-stdin]]",
+     "install one update with an administrator's credentials",
+     "Asks for the administrator's name and password (the password without echo, or read as\n"
+     "one line from standard input with --password-stdin). TYPE is the update's type as the\n"
+     "updater's list gives it. The agent reports the end through its events (ambrant watch).\n",
+     [](CommandLine& command) { return installUpdateCommand(command); }},
     {"encrypt-password", "", "print the \"authPass\" data for a password read from standard input",
      "Reads one line without echo on a terminal and prints the encrypted form in base64.\n",
      encryptPassword},

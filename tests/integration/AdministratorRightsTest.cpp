@@ -267,6 +267,33 @@ TEST_F(AdministratorRights, AToolFrontEndGivenCredentialsRunsItsToolThroughTheHe
   EXPECT_FALSE(fs::exists(marker()));
 }
 
+TEST_F(AdministratorRights, AnUpdateIsInstalledAsRootWithTheUpdatersSwitchesAndNeedsCredentials) {
+  fs::path bundle = root / "Applications/Quorvane/Quorvane Software Update.app";
+  fs::create_directories(bundle / "Contents/MacOS");
+  ASSERT_TRUE(plist::writeFile(
+                  bundle / "Contents/Info.plist",
+                  Value(plist::Dictionary{{"CFBundleIdentifier", "com.quorvane.SoftwareUpdate"},
+                                          {"CFBundleVersion", "1300"}}))
+                  .ok());
+  fs::path exe = bundle / "Contents/MacOS/Quorvane Software Update";
+  std::ofstream(exe) << "#!/bin/sh\necho \"$(id -u) $*\" > '" << marker().string() << "'\n";
+  fs::permissions(exe, fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec |
+                           fs::perms::group_read | fs::perms::others_read);
+  Value settings(plist::Dictionary{{"obj1", "full"}, {"obj2", "com.quorvane.Tool"}});
+  fs::remove(marker()); // the account, and its home, serve the whole suite
+  call("installQuorvaneSoftwareUpdate:settings:",
+       {Value(plist::Dictionary{{"authUser", administrator_->name()},
+                                {"authPass", password(administrator_->password())}}),
+        settings});
+  ASSERT_TRUE(eventually([&] {
+    return readText(marker()) == "0 -install full com.quorvane.Tool\n";
+  })) << readText(output.path() / "agent.out");
+  fs::remove(marker());
+  call("installQuorvaneSoftwareUpdate:settings:", {Value(), settings});
+  EXPECT_TRUE(callbackGotCode(1006));
+  EXPECT_FALSE(fs::exists(marker()));
+}
+
 // Guessing: fifty wrong passwords at once from one address. Without a throttle all fifty reach
 // PAM within its delay of about two seconds (some 16 tries a second); with it, only the few
 // allowed at once from one address are checked and the rest are refused without a check.
