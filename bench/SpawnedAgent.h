@@ -64,6 +64,7 @@ public:
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
       }
     }
+    port_ = port;
     if (port != 0) {
       auto connected = transport::RpcClient::connectTcp("127.0.0.1", port, connectTimeout);
       if (connected.ok()) {
@@ -84,9 +85,13 @@ public:
 
   // Null when the agent did not start or could not be reached.
   transport::RpcClient* client() const { return client_.get(); }
+  pid_t pid() const { return pid_; }
+  // 0 when the agent never said where it listens.
+  int port() const { return port_; }
 
 private:
   pid_t pid_ = -1;
+  int port_ = 0;
   std::unique_ptr<transport::RpcClient> client_;
 };
 

@@ -35,6 +35,7 @@
 #include <capnp/serialize.h>
 
 #include "ScratchDir.h"
+#include "SpawnedAgent.h"
 #include "transport/RpcClient.h"
 #include "transport/remote.capnp.h"
 
@@ -59,19 +60,12 @@ public:
     }();
     return agent.get();
   }
-  ~BenchAgent() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGTERM);
-      ::waitpid(pid_, nullptr, 0);
-    }
-  }
-
-  pid_t pid() const { return pid_; }
-  int port() const { return port_; }
+  pid_t pid() const { return agent_->pid(); }
+  int port() const { return agent_->port(); }
 
   // A field of the agent's /proc status in kB ("VmRSS", "VmHWM").
   long statusKb(const std::string& field) const {
-    std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+    std::ifstream status("/proc/" + std::to_string(pid()) + "/status");
     for (std::string line; std::getline(status, line);) {
       if (line.rfind(field + ":", 0) == 0) {
         return std::stol(line.substr(field.size() + 1));
@@ -79,47 +73,21 @@ public:
     }
     return -1;
   }
-  void resetPeak() const { std::ofstream("/proc/" + std::to_string(pid_) + "/clear_refs") << "5"; }
+  void resetPeak() const { std::ofstream("/proc/" + std::to_string(pid()) + "/clear_refs") << "5"; }
 
 private:
-  explicit BenchAgent(std::string agent) {
+  explicit BenchAgent(const std::string& program) {
     const auto& dir = scratch_.path();
     std::filesystem::create_directories(dir / "home");
     std::filesystem::create_directories(dir / "root");
-    auto output = dir / "agent.out";
-    std::string home = "HOME=" + (dir / "home").string();
-    std::string root = "KESTRIN_ROOT=" + (dir / "root").string();
-    std::string runtime = "XDG_RUNTIME_DIR=" + dir.string();
-    std::string path = "PATH=/usr/bin:/bin";
-    std::string feed = "KESTRIN_SOFTWARE_UPDATE_FEED=http://127.0.0.1:9/no-feed.plist";
-    char* envp[] = {home.data(), root.data(), runtime.data(), path.data(), feed.data(), nullptr};
-    char* argv[] = {agent.data(), nullptr};
-    posix_spawn_file_actions_t actions;
-    ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(),
-                                       O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    ::posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    if (::posix_spawn(&pid_, agent.c_str(), &actions, nullptr, argv, envp) != 0) {
-      pid_ = -1;
-    }
-    ::posix_spawn_file_actions_destroy(&actions);
-    static const std::regex listening("Listening on port ([0-9]+)\n");
-    for (int i = 0; i < 1000 && port_ == 0 && pid_ > 0; ++i) {
-      std::ifstream file(output);
-      std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-      std::smatch match;
-      if (std::regex_search(text, match, listening)) {
-        port_ = std::stoi(match[1]);
-      } else {
-        std::this_thread::sleep_for(20ms);
-      }
-    }
+    agent_ = std::make_unique<kestrin::bench::SpawnedAgent>(
+        program,
+        kestrin::bench::SpawnedAgent::Folders{dir / "home", dir / "root", dir, dir / "agent.out"});
     std::this_thread::sleep_for(2s); // start-up work (application scan, settings) settles
   }
 
   kestrin::bench::ScratchDir scratch_;
-  pid_t pid_ = -1;
-  int port_ = 0;
+  std::unique_ptr<kestrin::bench::SpawnedAgent> agent_; // ended before the folders go
 };
 
 std::unique_ptr<kestrin::transport::RpcClient> connectTo(const BenchAgent& agent) {
