@@ -22,6 +22,7 @@
 #include "admin/PasswordPrompt.h"
 #include "admin/PluginCommands.h"
 #include "admin/PrintingDelegate.h"
+#include "admin/RenderCommands.h"
 #include "admin/SavedLogs.h"
 #include "admin/UpdateCommands.h"
 #include "foundation/QVEncryption.h"
@@ -519,6 +520,10 @@ constexpr Command kCommands[] = {
      "one line from standard input with --password-stdin). TYPE is the update's type as the\n"
      "updater's list gives it. The agent reports the end through its events (ambrant watch).\n",
      [](CommandLine& command) { return installUpdateCommand(command); }},
+    {"jobs", "HOST:PORT", "print the render clusters, their batches and jobs, as a tree",
+     "Asks the agent for every render cluster it sees (qmasterJobs) and prints each cluster,\n"
+     "its batches and their jobs, with their attributes.\n",
+     [](CommandLine& command) { return jobsCommand(command); }},
     {"encrypt-password", "", "print the \"authPass\" data for a password read from standard input",
      "Reads one line without echo on a terminal and prints the encrypted form in base64.\n",
      encryptPassword},

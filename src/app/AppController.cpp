@@ -179,8 +179,9 @@ bool AppController::init() {
                  [this] { operations_->forceSoftwareUpdateCheck(); });
     });
   }
-  // NOT YET BUILT: the render-cluster list loads here on a worker (qmasterClusters), once
-  // the render-cluster operations exist.
+  workers_.submit([this] {
+    guard_.run("-[AppController qmasterClusters]", [this] { operations_->loadQmasterClusters(); });
+  });
   return true;
 }
 

@@ -10,6 +10,7 @@
 #include "operations/LintrowOperations.h"
 #include "operations/OrrickOperations.h"
 #include "operations/PluginOperations.h"
+#include "operations/QmasterOperations.h"
 #include "operations/ScallinOperations.h"
 #include "operations/SevrinOperations.h"
 #include "operations/SoftwareUpdateOperations.h"
@@ -24,7 +25,7 @@ struct AgentOperations::Groups {
         credentials(s.credentials, s.errorChannel), tasks(s),
         configuration(s.applications, s.bundle, s.agent), lintrow(s), feldane(s), tibbet(s),
         hembry(s), orrick(s), scallin(s), sevrin(s.paths, s.errorChannel), plugins(s), crashLogs(s),
-        softwareUpdates(s) {}
+        softwareUpdates(s), qmaster(s) {}
 
   ControllerOperations controller;
   ErrorChannelOperations errorChannel;
@@ -41,6 +42,7 @@ struct AgentOperations::Groups {
   PluginOperations plugins;
   CrashLogOperations crashLogs;
   SoftwareUpdateOperations softwareUpdates;
+  QmasterOperations qmaster;
 };
 
 AgentOperations::AgentOperations(const Services& services)
@@ -60,6 +62,7 @@ AgentOperations::AgentOperations(const Services& services)
   groups_->sevrin.registerIn(table_);
   groups_->crashLogs.registerIn(table_);
   groups_->softwareUpdates.registerIn(table_);
+  groups_->qmaster.registerIn(table_);
 }
 
 void AgentOperations::cacheSevrinSystemInfo() {
@@ -68,6 +71,10 @@ void AgentOperations::cacheSevrinSystemInfo() {
 
 void AgentOperations::forceSoftwareUpdateCheck() {
   groups_->softwareUpdates.forceSoftwareUpdateCheck();
+}
+
+void AgentOperations::loadQmasterClusters() {
+  groups_->qmaster.qmasterClusters();
 }
 
 AgentOperations::~AgentOperations() = default;

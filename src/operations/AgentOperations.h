@@ -25,6 +25,8 @@ public:
   // Start-up's software-update count when the agent's version changed. Runs the updater; for a
   // worker.
   void forceSoftwareUpdateCheck();
+  // Start-up's render-cluster list, so that the first request finds it ready. For a worker.
+  void loadQmasterClusters();
 
 private:
   struct Groups;
