@@ -332,7 +332,8 @@ TEST_F(RemoteService, AStalledCallbackHoldsUpNoOtherAdministrator) {
   // The second admin hears at once and keeps being served while the first holds the event.
   ASSERT_TRUE(eventually([&] { return !callback->calls().empty(); }, 5s));
   EXPECT_EQ(callback->calls()[0].arguments[0], Value("Render node offline"));
-  EXPECT_TRUE(eventually([&] { return stalling->entered() == 1; }, 5s));
+  // The stalled delivery runs beside it; on a loaded machine it may take a while to begin.
+  EXPECT_TRUE(eventually([&] { return stalling->entered() == 1; }));
   auto third = connect();
   EXPECT_TRUE(third->root()->invoke("ping", {}).isNull());
   EXPECT_TRUE(admin->root()->invoke("ping", {}).isNull());
