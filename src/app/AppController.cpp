@@ -541,6 +541,20 @@ plist::Value AppController::availableUpdateCountLastUpdate() const {
   return availableUpdateCountLastUpdate_;
 }
 
+void AppController::runOnMainThreadAndWait(const std::function<void()>& work) {
+  environment_.mainLoop.runOnMainThreadAndWait(work);
+}
+
+void AppController::setMenuBarItemShown(bool shown) {
+  environment_.mainLoop.runOnMainThreadAndWait([this, shown] {
+    if (shown) {
+      statusItem_->showMenuBarItem();
+    } else {
+      statusItem_->hideMenuBarItem();
+    }
+  });
+}
+
 void AppController::setAvailableUpdateCount(plist::Value count, plist::Value lastUpdate) {
   std::lock_guard lock(stateMutex_);
   availableUpdateCount_ = std::move(count);

@@ -129,6 +129,8 @@ public:
   plist::Value availableUpdateCount() const override;
   plist::Value availableUpdateCountLastUpdate() const override;
   void setAvailableUpdateCount(plist::Value count, plist::Value lastUpdate) override;
+  void runOnMainThreadAndWait(const std::function<void()>& work) override;
+  void setMenuBarItemShown(bool shown) override;
 
   // ---- parts, for the entry point and tests
   const operations::AgentBundle& bundle() const { return bundle_; }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -25,6 +26,9 @@ public:
   virtual plist::Value availableUpdateCount() const = 0;
   virtual plist::Value availableUpdateCountLastUpdate() const = 0;
   virtual void setAvailableUpdateCount(plist::Value count, plist::Value lastUpdate) = 0;
+  // Runs `work` on the main thread and waits for it.
+  virtual void runOnMainThreadAndWait(const std::function<void()>& work) = 0;
+  virtual void setMenuBarItemShown(bool shown) = 0;
 };
 
 } // namespace kestrin::operations

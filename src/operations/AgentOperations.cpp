@@ -1,5 +1,6 @@
 #include "operations/AgentOperations.h"
 
+#include "operations/ApplicationOperations.h"
 #include "operations/ConfigurationOperations.h"
 #include "operations/ControllerOperations.h"
 #include "operations/CrashLogOperations.h"
@@ -14,6 +15,7 @@
 #include "operations/ScallinOperations.h"
 #include "operations/SevrinOperations.h"
 #include "operations/SoftwareUpdateOperations.h"
+#include "operations/SuiteSettingsOperations.h"
 #include "operations/TaskOperations.h"
 #include "operations/TibbetOperations.h"
 
@@ -25,7 +27,7 @@ struct AgentOperations::Groups {
         credentials(s.credentials, s.errorChannel), tasks(s),
         configuration(s.applications, s.bundle, s.agent), lintrow(s), feldane(s), tibbet(s),
         hembry(s), orrick(s), scallin(s), sevrin(s.paths, s.errorChannel), plugins(s), crashLogs(s),
-        softwareUpdates(s), qmaster(s) {}
+        softwareUpdates(s), qmaster(s), applications(s), suiteSettings(s) {}
 
   ControllerOperations controller;
   ErrorChannelOperations errorChannel;
@@ -43,6 +45,8 @@ struct AgentOperations::Groups {
   CrashLogOperations crashLogs;
   SoftwareUpdateOperations softwareUpdates;
   QmasterOperations qmaster;
+  ApplicationOperations applications;
+  SuiteSettingsOperations suiteSettings;
 };
 
 AgentOperations::AgentOperations(const Services& services)
@@ -63,6 +67,8 @@ AgentOperations::AgentOperations(const Services& services)
   groups_->crashLogs.registerIn(table_);
   groups_->softwareUpdates.registerIn(table_);
   groups_->qmaster.registerIn(table_);
+  groups_->applications.registerIn(table_);
+  groups_->suiteSettings.registerIn(table_);
 }
 
 void AgentOperations::cacheSevrinSystemInfo() {

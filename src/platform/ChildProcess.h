@@ -36,6 +36,9 @@ struct LaunchRequest {
   // pipe before the child starts, so at most one pipe buffer (64 KiB); the caller keeps the
   // bytes (and wipes them when they are secret).
   std::span<const std::uint8_t> standardInput = {};
+  // A session of its own (and so a group): an application the user works in, which must not
+  // end with the agent or hear the agent's terminal.
+  bool newSession = false;
 };
 
 // How a child ended. `status` is the exit code, or the number of the signal that ended it

@@ -211,7 +211,8 @@ Expected<std::shared_ptr<ChildProcess>> ChildProcess::launch(const LaunchRequest
   }
   if (rc == 0) {
     rc = ::posix_spawnattr_setflags(
-        &setup.attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+        &setup.attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
+                                (request.newSession ? POSIX_SPAWN_SETSID : POSIX_SPAWN_SETPGROUP));
   }
   if (rc != 0) {
     return Failure{errnoMessage("posix_spawn set-up", rc)};
