@@ -8,6 +8,7 @@
 #include <regex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <signal.h>
@@ -31,15 +32,21 @@ public:
     std::filesystem::path output;
   };
 
+  // `environment`: more "NAME=value" entries for the agent (fake tools, say).
   SpawnedAgent(const std::string& program, const Folders& folders,
-               std::chrono::seconds connectTimeout = std::chrono::seconds(10)) {
+               std::chrono::seconds connectTimeout = std::chrono::seconds(10),
+               std::vector<std::string> environment = {}) {
     std::string home = "HOME=" + folders.home.string();
     std::string root = "KESTRIN_ROOT=" + folders.root.string();
     std::string runtime = "XDG_RUNTIME_DIR=" + folders.runtime.string();
     std::string path = "PATH=/usr/bin:/bin";
     // Never the maker's real update feed: a closed loopback port.
     std::string feed = "KESTRIN_SOFTWARE_UPDATE_FEED=http://127.0.0.1:9/no-feed.plist";
-    char* envp[] = {home.data(), root.data(), runtime.data(), path.data(), feed.data(), nullptr};
+    std::vector<char*> envp = {home.data(), root.data(), runtime.data(), path.data(), feed.data()};
+    for (std::string& entry : environment) {
+      envp.push_back(entry.data());
+    }
+    envp.push_back(nullptr);
     std::string agent = program;
     char* argv[] = {agent.data(), nullptr};
     posix_spawn_file_actions_t actions;
@@ -47,7 +54,7 @@ public:
     ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, folders.output.c_str(),
                                        O_WRONLY | O_CREAT | O_TRUNC, 0644);
     ::posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    if (::posix_spawn(&pid_, agent.c_str(), &actions, nullptr, argv, envp) != 0) {
+    if (::posix_spawn(&pid_, agent.c_str(), &actions, nullptr, argv, envp.data()) != 0) {
       pid_ = -1;
     }
     ::posix_spawn_file_actions_destroy(&actions);

@@ -15,6 +15,7 @@
 #include <fmt/format.h>
 
 #include "admin/AdminClient.h"
+#include "admin/ApplicationCommands.h"
 #include "admin/BackupCommands.h"
 #include "admin/CommandLine.h"
 #include "admin/ConfigurationReceiver.h"
@@ -520,6 +521,9 @@ constexpr Command kCommands[] = {
      "one line from standard input with --password-stdin). TYPE is the update's type as the\n"
      "updater's list gives it. The agent reports the end through its events (ambrant watch).\n",
      [](CommandLine& command) { return installUpdateCommand(command); }},
+    {"apps", "HOST:PORT", "print the editing applications and the maker's tools as a table",
+     "One line per application: name, installed, running, version.\n",
+     [](CommandLine& command) { return appsCommand(command); }},
     {"jobs", "HOST:PORT", "print the render clusters, their batches and jobs, as a tree",
      "Asks the agent for every render cluster it sees (qmasterJobs) and prints each cluster,\n"
      "its batches and their jobs, with their attributes.\n",

@@ -1,0 +1,112 @@
+// Applications and render clusters of a real agent over loopback: qmasterJobs over 16 clusters
+// whose Batch Monitor takes 200 ms each (the workers must overlap: against 16 × 200 ms), and
+// finalCutStudioAppInfo with 500 more processes running on the machine.
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+#include <benchmark/benchmark.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include "ScratchDir.h"
+#include "SpawnedAgent.h"
+#include "transport/RpcClient.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using kestrin::plist::Value;
+
+constexpr int kClusters = 16;
+
+class BenchAgent {
+public:
+  static BenchAgent& shared() {
+    static BenchAgent agent;
+    return agent;
+  }
+  kestrin::transport::RpcClient* client() const { return agent_->client(); }
+
+private:
+  BenchAgent() {
+    const fs::path& dir = scratch_.path();
+    fs::path qmasterprefs = dir / "qmasterprefs";
+    std::ofstream prefs(qmasterprefs);
+    prefs << "#!/bin/sh\necho 'list";
+    for (int i = 1; i < kClusters; ++i) {
+      prefs << " -cluster on servername \"Farm " << i << "\"";
+    }
+    prefs << "'\n";
+    prefs.close();
+    fs::permissions(qmasterprefs, fs::perms::owner_all);
+    fs::path bundle = dir / "root/Applications/Batch Monitor.app";
+    fs::create_directories(bundle / "Contents/MacOS");
+    std::ofstream(bundle / "Contents/Info.plist")
+        << "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key>"
+           "<string>com.apple.BatchMonitor</string></dict></plist>\n";
+    std::ofstream(bundle / "Contents/MacOS/Batch Monitor")
+        << "#!/bin/sh\nsleep 0.2\necho '<s><batchStatus batchid=\"1\"/><jobStatus batchid=\"1\" "
+           "jobid=\"1\"/></s>'\n";
+    fs::permissions(bundle / "Contents/MacOS/Batch Monitor", fs::perms::owner_all);
+    fs::create_directories(dir / "home");
+    agent_ = std::make_unique<kestrin::bench::SpawnedAgent>(
+        KESTRIN_AGENT_PATH,
+        kestrin::bench::SpawnedAgent::Folders{dir / "home", dir / "root", dir, dir / "agent.out"},
+        std::chrono::seconds(10),
+        std::vector<std::string>{"KESTRIN_TOOL_QMASTERPREFS=" + qmasterprefs.string()});
+  }
+
+  kestrin::bench::ScratchDir scratch_;
+  std::unique_ptr<kestrin::bench::SpawnedAgent> agent_;
+};
+
+void QmasterJobs_16Clusters(benchmark::State& state) {
+  auto* client = BenchAgent::shared().client();
+  if (client == nullptr) {
+    state.SkipWithError("the agent did not start");
+    return;
+  }
+  for (auto _ : state) {
+    Value jobs = client->root()->invoke("qmasterJobs", {});
+    if (!jobs.asDictionary() || jobs.asDictionary()->size() != kClusters) {
+      state.SkipWithError("not every cluster answered");
+      return;
+    }
+  }
+  state.counters["sequential_ms"] = kClusters * 200.0;
+}
+BENCHMARK(QmasterJobs_16Clusters)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+
+void FinalCutStudioAppInfo_500Processes(benchmark::State& state) {
+  auto* client = BenchAgent::shared().client();
+  if (client == nullptr) {
+    state.SkipWithError("the agent did not start");
+    return;
+  }
+  std::vector<pid_t> sleepers;
+  char sleep[] = "/bin/sleep";
+  char seconds[] = "120";
+  char* argv[] = {sleep, seconds, nullptr};
+  for (int i = 0; i < 500; ++i) {
+    pid_t pid = -1;
+    if (::posix_spawn(&pid, sleep, nullptr, nullptr, argv, nullptr) == 0) {
+      sleepers.push_back(pid);
+    }
+  }
+  for (auto _ : state) {
+    Value records = client->root()->invoke("finalCutStudioAppInfo", {});
+    benchmark::DoNotOptimize(records);
+  }
+  for (pid_t pid : sleepers) { // ours, by pid
+    ::kill(pid, SIGTERM);
+    ::waitpid(pid, nullptr, 0);
+  }
+}
+BENCHMARK(FinalCutStudioAppInfo_500Processes)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+} // namespace
+
+BENCHMARK_MAIN();
