@@ -11,7 +11,6 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
-#include "ScratchDir.h"
 #include "SpawnedAgent.h"
 #include "transport/RpcClient.h"
 
@@ -22,49 +21,38 @@ using kestrin::plist::Value;
 
 constexpr int kClusters = 16;
 
-class BenchAgent {
-public:
-  static BenchAgent& shared() {
-    static BenchAgent agent;
-    return agent;
+// Fifteen clusters beside "This Computer", and a Batch Monitor that takes 200 ms to answer.
+void installRenderTools(const fs::path& dir) {
+  fs::path qmasterprefs = dir / "qmasterprefs";
+  std::ofstream prefs(qmasterprefs);
+  prefs << "#!/bin/sh\necho 'list";
+  for (int i = 1; i < kClusters; ++i) {
+    prefs << " -cluster on servername \"Farm " << i << "\"";
   }
-  kestrin::transport::RpcClient* client() const { return agent_->client(); }
+  prefs << "'\n";
+  prefs.close();
+  fs::permissions(qmasterprefs, fs::perms::owner_all);
+  fs::path bundle = dir / "root/Applications/Batch Monitor.app";
+  fs::create_directories(bundle / "Contents/MacOS");
+  std::ofstream(bundle / "Contents/Info.plist")
+      << "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key>"
+         "<string>com.apple.BatchMonitor</string></dict></plist>\n";
+  std::ofstream(bundle / "Contents/MacOS/Batch Monitor")
+      << "#!/bin/sh\nsleep 0.2\necho '<s><batchStatus batchid=\"1\"/><jobStatus batchid=\"1\" "
+         "jobid=\"1\"/></s>'\n";
+  fs::permissions(bundle / "Contents/MacOS/Batch Monitor", fs::perms::owner_all);
+}
 
-private:
-  BenchAgent() {
-    const fs::path& dir = scratch_.path();
-    fs::path qmasterprefs = dir / "qmasterprefs";
-    std::ofstream prefs(qmasterprefs);
-    prefs << "#!/bin/sh\necho 'list";
-    for (int i = 1; i < kClusters; ++i) {
-      prefs << " -cluster on servername \"Farm " << i << "\"";
-    }
-    prefs << "'\n";
-    prefs.close();
-    fs::permissions(qmasterprefs, fs::perms::owner_all);
-    fs::path bundle = dir / "root/Applications/Batch Monitor.app";
-    fs::create_directories(bundle / "Contents/MacOS");
-    std::ofstream(bundle / "Contents/Info.plist")
-        << "<plist version=\"1.0\"><dict><key>CFBundleIdentifier</key>"
-           "<string>com.apple.BatchMonitor</string></dict></plist>\n";
-    std::ofstream(bundle / "Contents/MacOS/Batch Monitor")
-        << "#!/bin/sh\nsleep 0.2\necho '<s><batchStatus batchid=\"1\"/><jobStatus batchid=\"1\" "
-           "jobid=\"1\"/></s>'\n";
-    fs::permissions(bundle / "Contents/MacOS/Batch Monitor", fs::perms::owner_all);
-    fs::create_directories(dir / "home");
-    agent_ = std::make_unique<kestrin::bench::SpawnedAgent>(
-        KESTRIN_AGENT_PATH,
-        kestrin::bench::SpawnedAgent::Folders{dir / "home", dir / "root", dir, dir / "agent.out"},
-        std::chrono::seconds(10),
-        std::vector<std::string>{"KESTRIN_TOOL_QMASTERPREFS=" + qmasterprefs.string()});
-  }
-
-  kestrin::bench::ScratchDir scratch_;
-  std::unique_ptr<kestrin::bench::SpawnedAgent> agent_;
-};
+kestrin::transport::RpcClient* agent() {
+  static kestrin::bench::AgentOnMachine agent(KESTRIN_AGENT_PATH, [](const fs::path& dir) {
+    installRenderTools(dir);
+    return std::vector<std::string>{"KESTRIN_TOOL_QMASTERPREFS=" + (dir / "qmasterprefs").string()};
+  });
+  return agent.client();
+}
 
 void QmasterJobs_16Clusters(benchmark::State& state) {
-  auto* client = BenchAgent::shared().client();
+  auto* client = agent();
   if (client == nullptr) {
     state.SkipWithError("the agent did not start");
     return;
@@ -81,7 +69,7 @@ void QmasterJobs_16Clusters(benchmark::State& state) {
 BENCHMARK(QmasterJobs_16Clusters)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
 void FinalCutStudioAppInfo_500Processes(benchmark::State& state) {
-  auto* client = BenchAgent::shared().client();
+  auto* client = agent();
   if (client == nullptr) {
     state.SkipWithError("the agent did not start");
     return;

@@ -8,7 +8,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include "ScratchDir.h"
 #include "SpawnedAgent.h"
 #include "transport/RpcClient.h"
 
@@ -17,44 +16,35 @@ namespace {
 namespace fs = std::filesystem;
 using kestrin::plist::Value;
 
-class BenchAgent {
-public:
-  static BenchAgent& shared() {
-    static BenchAgent agent;
-    return agent;
+// Its updater prints a list of 20 updates.
+void installUpdater(const fs::path& dir) {
+  fs::path bundle = dir / "root/Applications/Quorvane/Quorvane Software Update.app";
+  fs::create_directories(bundle / "Contents/MacOS");
+  std::ofstream(bundle / "Contents/Info.plist")
+      << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+         "<key>CFBundleIdentifier</key><string>com.quorvane.SoftwareUpdate</string>"
+         "<key>CFBundleVersion</key><string>1300</string></dict></plist>\n";
+  fs::path exe = bundle / "Contents/MacOS/Quorvane Software Update";
+  std::ofstream script(exe);
+  script << "#!/bin/sh\nprintf '<plist version=\"1.0\"><dict><key>updates</key><array>";
+  for (int i = 0; i < 20; ++i) {
+    script << "<dict><key>bundleid</key><string>com.quorvane.Tool" << i << "</string></dict>";
   }
-  kestrin::transport::RpcClient* client() const { return agent_->client(); }
+  script << "</array></dict></plist>'\n";
+  script.close();
+  fs::permissions(exe, fs::perms::owner_all);
+}
 
-private:
-  BenchAgent() {
-    const fs::path& dir = scratch_.path();
-    fs::path bundle = dir / "root/Applications/Quorvane/Quorvane Software Update.app";
-    fs::create_directories(bundle / "Contents/MacOS");
-    std::ofstream(bundle / "Contents/Info.plist")
-        << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-           "<key>CFBundleIdentifier</key><string>com.quorvane.SoftwareUpdate</string>"
-           "<key>CFBundleVersion</key><string>1300</string></dict></plist>\n";
-    fs::path exe = bundle / "Contents/MacOS/Quorvane Software Update";
-    std::ofstream script(exe);
-    script << "#!/bin/sh\nprintf '<plist version=\"1.0\"><dict><key>updates</key><array>";
-    for (int i = 0; i < 20; ++i) {
-      script << "<dict><key>bundleid</key><string>com.quorvane.Tool" << i << "</string></dict>";
-    }
-    script << "</array></dict></plist>'\n";
-    script.close();
-    fs::permissions(exe, fs::perms::owner_all);
-    fs::create_directories(dir / "home");
-    agent_ = std::make_unique<kestrin::bench::SpawnedAgent>(
-        KESTRIN_AGENT_PATH,
-        kestrin::bench::SpawnedAgent::Folders{dir / "home", dir / "root", dir, dir / "agent.out"});
-  }
-
-  kestrin::bench::ScratchDir scratch_;
-  std::unique_ptr<kestrin::bench::SpawnedAgent> agent_;
-};
+kestrin::transport::RpcClient* agent() {
+  static kestrin::bench::AgentOnMachine agent(KESTRIN_AGENT_PATH, [](const fs::path& dir) {
+    installUpdater(dir);
+    return std::vector<std::string>{};
+  });
+  return agent.client();
+}
 
 void count(benchmark::State& state, bool force) {
-  auto* client = BenchAgent::shared().client();
+  auto* client = agent();
   if (client == nullptr) {
     state.SkipWithError("the agent did not start");
     return;

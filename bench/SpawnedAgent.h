@@ -3,6 +3,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <memory>
 #include <regex>
@@ -16,6 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "ScratchDir.h"
 #include "transport/RpcClient.h"
 
 namespace kestrin::bench {
@@ -100,6 +102,27 @@ private:
   pid_t pid_ = -1;
   int port_ = 0;
   std::unique_ptr<transport::RpcClient> client_;
+};
+
+// An agent on a throwaway machine of its own ("home", "root" in a scratch folder), which
+// `prepare` fills before the agent starts, answering more environment for it ("NAME=value",
+// fake tools say); ended before the folder goes.
+class AgentOnMachine {
+public:
+  using Prepare = std::function<std::vector<std::string>(const std::filesystem::path&)>;
+  AgentOnMachine(const std::string& program, const Prepare& prepare) {
+    const std::filesystem::path& dir = scratch_.path();
+    std::filesystem::create_directories(dir / "home");
+    std::filesystem::create_directories(dir / "root");
+    agent_ = std::make_unique<SpawnedAgent>(
+        program, SpawnedAgent::Folders{dir / "home", dir / "root", dir, dir / "agent.out"},
+        std::chrono::seconds(10), prepare(dir));
+  }
+  transport::RpcClient* client() const { return agent_->client(); }
+
+private:
+  ScratchDir scratch_;
+  std::unique_ptr<SpawnedAgent> agent_;
 };
 
 } // namespace kestrin::bench

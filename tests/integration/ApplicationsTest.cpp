@@ -4,14 +4,13 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <future>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "HostileCalls.h"
 #include "RunningAgent.h"
 #include "platform/Processes.h"
-#include "support/NamedException.h"
 #include "transport/RpcClient.h"
 
 namespace kestrin {
@@ -56,7 +55,7 @@ TEST(Applications, TheAgentListsLaunchesAndQuitsAndShrugsOffHostileCalls) {
   }
   EXPECT_TRUE(ended) << "a quit application, reaped by the agent, leaves no process behind";
 
-  const std::vector<std::pair<std::string, std::vector<Value>>> hostile = {
+  const testing::HostileCalls hostile = {
       {"launchApp:", {Value()}},
       {"launchApp:", {Value(42)}},
       {"launchApp:", {Value("")}},
@@ -69,26 +68,7 @@ TEST(Applications, TheAgentListsLaunchesAndQuitsAndShrugsOffHostileCalls) {
       {"setNetworkClientSettings:", {Value(plist::Dictionary{{"autoUpdateCheck", "on"}})}},
       {"setAmbrantSettings:", {Value(5)}},
       {"ambrantPasswordProtect:settings:", {Value(), Value(plist::Dictionary{{"obj1", 0}})}}};
-  std::vector<std::future<bool>> admins;
-  for (int admin = 0; admin < 4; ++admin) {
-    admins.push_back(std::async(std::launch::async, [&] {
-      auto own = transport::RpcClient::connectTcp("127.0.0.1", port, 10s);
-      if (!own) {
-        return false;
-      }
-      for (const auto& [selector, arguments] : hostile) {
-        try {
-          (*own)->root()->invoke(selector, arguments);
-        } catch (const NamedException&) {
-          // refused: what a wrong argument gets
-        }
-      }
-      return (*own)->root()->invoke("ping", {}).isNull();
-    }));
-  }
-  for (auto& admin : admins) {
-    EXPECT_TRUE(admin.get());
-  }
+  EXPECT_TRUE(testing::severalAdminsSend(port, hostile));
   EXPECT_TRUE(agent.logContains("Refusing to quit the agent itself"));
   EXPECT_TRUE(call("ping", {}).isNull());
 }

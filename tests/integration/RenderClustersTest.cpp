@@ -2,14 +2,12 @@
 // once may send the steering operations without harm.
 #include <filesystem>
 #include <fstream>
-#include <future>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "HostileCalls.h"
 #include "RunningAgent.h"
-#include "support/NamedException.h"
-#include "transport/RpcClient.h"
 
 namespace kestrin {
 namespace {
@@ -49,34 +47,19 @@ TEST(RenderClusters, AmbrantPrintsTheJobTreeAndHostileSteeringStartsNothing) {
                               "    job 12  batchid=4  jobid=12  status=rendering\n"));
   EXPECT_THAT(tree, HasSubstr("This Computer\n"));
 
-  const std::vector<Value> hostile = {
-      Value("not a list"), Value(plist::Array{Value(), 5, "x", plist::Array{}}),
-      Value(plist::Array{plist::Dictionary{{"clustername", "A"}}}),
-      Value(plist::Array{plist::Dictionary{{"jobid", "1"}}}),
-      Value(plist::Array{plist::Dictionary{{"clustername", plist::Array{}}, {"jobid", "1"}}})};
-  std::vector<std::future<bool>> admins;
-  for (int admin = 0; admin < 4; ++admin) {
-    admins.push_back(std::async(std::launch::async, [&] {
-      auto client = transport::RpcClient::connectTcp("127.0.0.1", port, 10s);
-      if (!client) {
-        return false;
-      }
-      for (const char* selector :
-           {"qmasterJobPause:", "qmasterJobResume:", "qmasterJobTerminate:"}) {
-        for (const Value& references : hostile) {
-          try {
-            (*client)->root()->invoke(selector, {references});
-          } catch (const NamedException&) {
-            // refused: what a wrong argument gets
-          }
-        }
-      }
-      return (*client)->root()->invoke("qmasterClusters", {}).asArray() != nullptr;
-    }));
+  testing::HostileCalls hostile;
+  for (const char* selector : {"qmasterJobPause:", "qmasterJobResume:", "qmasterJobTerminate:"}) {
+    for (const Value& references :
+         {Value("not a list"), Value(plist::Array{Value(), 5, "x", plist::Array{}}),
+          Value(plist::Array{plist::Dictionary{{"clustername", "A"}}}),
+          Value(plist::Array{plist::Dictionary{{"jobid", "1"}}}),
+          Value(
+              plist::Array{plist::Dictionary{{"clustername", plist::Array{}}, {"jobid", "1"}}})}) {
+      hostile.push_back({selector, {references}});
+    }
   }
-  for (auto& admin : admins) {
-    EXPECT_TRUE(admin.get());
-  }
+  hostile.push_back({"qmasterClusters", {}});
+  EXPECT_TRUE(testing::severalAdminsSend(port, hostile));
   EXPECT_TRUE(agent.logContains("Unable to find cluster name and job ID"));
   EXPECT_FALSE(fs::exists(steered));
 }

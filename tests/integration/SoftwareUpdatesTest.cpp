@@ -2,14 +2,12 @@
 // several admins at once may send the update operations without harm.
 #include <filesystem>
 #include <fstream>
-#include <future>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "HostileCalls.h"
 #include "RunningAgent.h"
-#include "support/NamedException.h"
-#include "transport/RpcClient.h"
 
 namespace kestrin {
 namespace {
@@ -48,7 +46,7 @@ TEST(SoftwareUpdates, TheAgentCountsAtStartAndShrugsOffHostileUpdateCalls) {
   EXPECT_THAT(printed, HasSubstr("com.quorvane.Tibbet\t-\t2.1\t-\n"));
 
   // Several admins at once, each sending what it should not.
-  const std::vector<std::pair<std::string, std::vector<Value>>> hostile = {
+  const testing::HostileCalls hostile = {
       {"softwareUpdateManualInstall:", {Value("file:///etc/passwd")}},
       {"softwareUpdateManualInstall:", {Value("javascript:alert(1)")}},
       {"softwareUpdateManualInstall:", {Value("https://www.quorvane.com.evil/x")}},
@@ -61,26 +59,7 @@ TEST(SoftwareUpdates, TheAgentCountsAtStartAndShrugsOffHostileUpdateCalls) {
        {Value("not credentials"), Value(plist::Dictionary{{"obj1", plist::Array{}}})}},
       {"softwareUpdateAvailableUpdateCount:", {Value("yes")}},
       {"listQuorvaneSoftwareUpdates", {}}};
-  std::vector<std::future<bool>> admins;
-  for (int admin = 0; admin < 4; ++admin) {
-    admins.push_back(std::async(std::launch::async, [&] {
-      auto client = transport::RpcClient::connectTcp("127.0.0.1", port, 10s);
-      if (!client) {
-        return false;
-      }
-      for (const auto& [selector, arguments] : hostile) {
-        try {
-          (*client)->root()->invoke(selector, arguments);
-        } catch (const NamedException&) {
-          // refused: what a wrong argument gets
-        }
-      }
-      return (*client)->root()->invoke("ping", {}).isNull();
-    }));
-  }
-  for (auto& admin : admins) {
-    EXPECT_TRUE(admin.get());
-  }
+  EXPECT_TRUE(testing::severalAdminsSend(port, hostile));
   EXPECT_TRUE(agent.logContains("Unable to initiate manual download - invalid URL."));
   EXPECT_TRUE(agent.logContains("Error: no bundle ID specified"));
   EXPECT_FALSE(agent.logContains("Beginning manual download"));
