@@ -177,6 +177,8 @@ bool AppController::init() {
     workers_.submit([this] {
       guard_.run("-[AppController forceSoftwareUpdateCheck]",
                  [this] { operations_->forceSoftwareUpdateCheck(); });
+      // Its "updateConfig:" has gone to the admins registered by now; said for support.
+      QVLog::appendLog("Start-up software update check finished.");
     });
   }
   workers_.submit([this] {

@@ -330,10 +330,17 @@ TEST_F(RemoteService, AStalledCallbackHoldsUpNoOtherAdministrator) {
   // Before the post is waited for, whatever happens below.
   std::shared_ptr<void> unstall(nullptr, [&](void*) { stalling->release(); });
   // The second admin hears at once and keeps being served while the first holds the event.
-  ASSERT_TRUE(eventually([&] { return !callback->calls().empty(); }, 5s));
-  EXPECT_EQ(callback->calls()[0].arguments[0], Value("Render node offline"));
-  // The stalled delivery runs beside it; on a loaded machine it may take a while to begin.
-  EXPECT_TRUE(eventually([&] { return stalling->entered() == 1; }));
+  // The agent's own start-up events (its update count's "updateConfig:") may come first.
+  auto heard = [&] {
+    for (const auto& call : callback->calls()) {
+      if (!call.arguments.empty() && call.arguments[0] == Value("Render node offline")) {
+        return true;
+      }
+    }
+    return false;
+  };
+  ASSERT_TRUE(eventually(heard, 5s));
+  EXPECT_TRUE(eventually([&] { return stalling->entered() >= 1; }, 5s));
   auto third = connect();
   EXPECT_TRUE(third->root()->invoke("ping", {}).isNull());
   EXPECT_TRUE(admin->root()->invoke("ping", {}).isNull());

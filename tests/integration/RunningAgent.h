@@ -69,8 +69,17 @@ public:
   }
   AgentProcess& process() { return *process_; }
 
-  // The port of the agent's last "Listening on port N" status, once it is listening.
+  // The port of the agent's last "Listening on port N" status, once it is listening and its
+  // start-up update check (whose "updateConfig:" would reach an admin registered meanwhile)
+  // is over, so tests that count events see only their own.
   int waitForPort(std::chrono::milliseconds limit = std::chrono::seconds(20)) const {
+    int port = listeningPort(limit);
+    if (port != 0) {
+      eventually([&] { return logContains("Start-up software update check finished."); }, limit);
+    }
+    return port;
+  }
+  int listeningPort(std::chrono::milliseconds limit) const {
     int port = 0;
     eventually(
         [&] {
