@@ -21,9 +21,9 @@ struct HttpLimits {
 };
 
 // The body of a successful GET of `url`. Only https, and plain http to this machine's loopback
-// (a local mirror, tests); certificates are verified against the system's authorities;
-// redirects never leave those rules. Any status but 2xx, a body over the limit, a stall or the
-// total time running out is a Failure that says which.
+// (a local mirror, tests), never with a user name or password in the address; certificates are
+// verified against the system's authorities; redirects only ever lead to https. Any status but 2xx,
+// a body over the limit, a stall or the total time running out is a Failure that says which.
 Expected<plist::Data> httpGet(const std::string& url, const HttpLimits& limits = {});
 
 // Whether `url` is one httpGet would fetch.

@@ -1,6 +1,8 @@
 #include "platform/HttpFetch.h"
 
+#include <memory>
 #include <mutex>
+#include <optional>
 
 #include <curl/curl.h>
 #include <fmt/format.h>
@@ -26,24 +28,50 @@ std::size_t receive(char* bytes, std::size_t size, std::size_t count, void* user
   return length;
 }
 
-bool startsWith(const std::string& text, std::string_view prefix) {
-  return text.compare(0, prefix.size(), prefix) == 0;
+struct UrlParts {
+  std::string scheme;
+  std::string host;
+  bool credentials = false;
+};
+
+// The address as libcurl itself will read it: a check on the text's beginning would take
+// "http://127.0.0.1:80@evil.example/" for this machine.
+std::optional<UrlParts> partsOf(const std::string& url) {
+  std::unique_ptr<CURLU, void (*)(CURLU*)> parsed(curl_url(), curl_url_cleanup);
+  if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) {
+    return std::nullopt;
+  }
+  UrlParts parts;
+  for (auto [part, target] :
+       {std::pair{CURLUPART_SCHEME, &parts.scheme}, std::pair{CURLUPART_HOST, &parts.host}}) {
+    char* text = nullptr;
+    if (curl_url_get(parsed.get(), part, &text, 0) != CURLUE_OK || text == nullptr) {
+      return std::nullopt;
+    }
+    *target = text;
+    curl_free(text);
+  }
+  for (CURLUPart part : {CURLUPART_USER, CURLUPART_PASSWORD}) {
+    char* text = nullptr;
+    if (curl_url_get(parsed.get(), part, &text, 0) == CURLUE_OK) {
+      parts.credentials = true;
+      curl_free(text);
+    }
+  }
+  return parts;
 }
 
 bool isLoopbackHttp(const std::string& url) {
-  for (std::string_view prefix : {"http://127.0.0.1:", "http://127.0.0.1/", "http://localhost:",
-                                  "http://localhost/", "http://[::1]:", "http://[::1]/"}) {
-    if (startsWith(url, prefix)) {
-      return true;
-    }
-  }
-  return false;
+  auto parts = partsOf(url);
+  return parts && parts->scheme == "http" && !parts->credentials &&
+         (parts->host == "127.0.0.1" || parts->host == "localhost" || parts->host == "[::1]");
 }
 
 } // namespace
 
 bool isFetchableUrl(const std::string& url) {
-  return startsWith(url, "https://") || isLoopbackHttp(url);
+  auto parts = partsOf(url);
+  return parts && !parts->credentials && (parts->scheme == "https" || isLoopbackHttp(url));
 }
 
 Expected<plist::Data> httpGet(const std::string& url, const HttpLimits& limits) {
@@ -58,13 +86,14 @@ Expected<plist::Data> httpGet(const std::string& url, const HttpLimits& limits) 
   }
   Download download;
   download.limit = limits.maxBytes;
-  // Loopback http may redirect to loopback http; anything else only ever to https.
+  // A redirect only ever leads to https: a plain-http one could leave this machine.
   const char* protocols = isLoopbackHttp(url) ? "http,https" : "https";
+  const char* redirects = "https";
   char error[CURL_ERROR_SIZE] = {};
   CURL* c = curl.get();
   curl_easy_setopt(c, CURLOPT_URL, url.c_str());
   curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, protocols);
-  curl_easy_setopt(c, CURLOPT_REDIR_PROTOCOLS_STR, protocols);
+  curl_easy_setopt(c, CURLOPT_REDIR_PROTOCOLS_STR, redirects);
   curl_easy_setopt(c, CURLOPT_FOLLOWLOCATION, 1L);
   curl_easy_setopt(c, CURLOPT_MAXREDIRS, limits.maxRedirects);
   curl_easy_setopt(c, CURLOPT_SSL_VERIFYPEER, 1L);

@@ -204,6 +204,13 @@ TEST_F(SoftwareUpdateTest, FeedsAndArchivesThatAreWrongInstallNothing) {
   EXPECT_FALSE(installed());
   feedSays(Route{302, "", feed.url("/feed.plist"), 0, false});
   EXPECT_FALSE(installed());
+  // Plain http only to this machine, however the address is dressed up.
+  for (std::string disguised :
+       {"http://127.0.0.1:80@192.0.2.1/feed", "http://localhost:x@192.0.2.1/",
+        "http://[::1]:1@192.0.2.1/", "http://192.0.2.1/127.0.0.1/"}) {
+    EXPECT_FALSE(platform::isFetchableUrl(disguised)) << disguised;
+  }
+  EXPECT_TRUE(platform::isFetchableUrl(feed.url("/feed.plist")));
   feedSays(Route{200, "", "", std::size_t{100} << 20, false});
   EXPECT_FALSE(installed());
   feedSays(Route{200, std::string(4096, ' '), "", 0, true});
