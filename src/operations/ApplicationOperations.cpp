@@ -224,7 +224,8 @@ void ApplicationOperations::forceQuitApp(std::string bundleIdentifier) {
     return;
   }
   QVLog::appendLog("Force-quitting {}...", *name);
-  QVTaskEx::terminationCodeFromTask(services_.tools.path(platform::Tool::Killall), {*name},
+  // "--": a bundle named "-s.app" is still a name, never an option.
+  QVTaskEx::terminationCodeFromTask(services_.tools.path(platform::Tool::Killall), {"--", *name},
                                     kForceQuitLimit, services_.timer);
 }
 

@@ -75,14 +75,14 @@ TEST_F(ApplicationTest, ARealApplicationIsListedLaunchedQuitAndForceQuitWithoutZ
   // Force quit hands killall the whole name; the test's own killall ends its own child by pid.
   fs::path named = harness.machine.root() / "killall.name";
   fs::path killall = harness.machine.root() / "killall";
-  std::ofstream(killall) << "#!/bin/sh\nprintf '%s' \"$1\" > '" << named.string() << "'\n";
+  std::ofstream(killall) << "#!/bin/sh\nprintf '%s|' \"$@\" > '" << named.string() << "'\n";
   fs::permissions(killall, fs::perms::owner_all);
   harness.tools = harness.tools.withPath(platform::Tool::Killall, killall.string());
   harness.call("launchApp:", {Value("com.avid.MediaComposer")});
   ASSERT_TRUE(testing::eventually([&] { return running().size() == 1; }));
   pid = running()[0].pid;
   harness.call("forceQuitApp:", {Value("com.avid.MediaComposer")});
-  EXPECT_EQ(testing::readText(named), "Avid Media Composer");
+  EXPECT_EQ(testing::readText(named), "--|Avid Media Composer|");
   ::kill(pid, SIGKILL);
   EXPECT_TRUE(testing::eventually([&] { return !fs::exists("/proc/" + std::to_string(pid)); }));
 
