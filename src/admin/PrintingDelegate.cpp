@@ -13,7 +13,8 @@ plist::Value PrintingDelegate::invoke(const std::string& selector,
     line += static_cast<unsigned char>(c) < 0x20 ? '?' : c;
   }
   // JSON escapes line ends, so the arguments never break the line.
-  line += " " + jsonFromValue(plist::Value(plist::Array(arguments.begin(), arguments.end())));
+  line += ' ';
+  line += jsonFromValue(plist::Value(plist::Array(arguments.begin(), arguments.end())));
   line += '\n';
   {
     static std::mutex writing;
