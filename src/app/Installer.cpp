@@ -61,6 +61,12 @@ std::string Installer::unitPath() const {
       .string();
 }
 
+std::string Installer::packagedUnitPath() const {
+  return (fs::path(environment_.systemRoot) / "usr/lib/systemd/user" / kUnitName)
+      .lexically_normal()
+      .string();
+}
+
 std::string Installer::helperPath() const {
   fs::path helper = fs::path(platform::ToolTable::defaultPath(Tool::KestrinAuth)).relative_path();
   return (fs::path(environment_.systemRoot) / helper).lexically_normal().string();
@@ -137,6 +143,18 @@ void Installer::setupClient() {
           fs::path(*program).parent_path().parent_path().parent_path().string(), *why);
       return;
     }
+    const platform::ToolTable& tools = environment_.tools;
+    auto enable = [&] {
+      QVTaskEx::runTask(tools.path(Tool::Systemctl),
+                        {"--root=" + environment_.systemRoot, "--global", "enable", kUnitName});
+    };
+    // An installed package owns the unit, the helper and the PAM file: copies of set-up's own
+    // would outlive the package's removal.
+    if (entryExists(packagedUnitPath())) {
+      QVLog::appendLog("Using the unit that the package installed, {}.", packagedUnitPath());
+      enable();
+      return;
+    }
     std::string text = unitText(*program, fs::path(*program).parent_path().string());
     std::string target = unitPath();
     std::string unitFolder = fs::path(target).parent_path().string();
@@ -161,10 +179,9 @@ void Installer::setupClient() {
     }
 
     // Linux has no wheel group: root's own group stands for it.
-    QVTaskEx::runTask(environment_.tools.path(Tool::Chown), {"root:root", "--", target});
-    QVTaskEx::runTask(environment_.tools.path(Tool::Chmod), {"644", "--", target});
-    QVTaskEx::runTask(environment_.tools.path(Tool::Systemctl),
-                      {"--root=" + environment_.systemRoot, "--global", "enable", kUnitName});
+    QVTaskEx::runTask(tools.path(Tool::Chown), {"root:root", "--", target});
+    QVTaskEx::runTask(tools.path(Tool::Chmod), {"644", "--", target});
+    enable();
     installAuthHelper(*program);
   } catch (const std::exception& e) {
     QVLog::appendLogAndPrint("Exception in +[AppController setupClient]. {}", e.what());
@@ -208,14 +225,29 @@ void Installer::runClient() {
     QVLog::appendLog("Nobody is logged in at the console; the agent starts at the next log-in.");
     return;
   }
-  const std::string& systemctl = environment_.tools.path(Tool::Systemctl);
-  std::string machine = "--machine=" + *user + "@";
+  const platform::ToolTable& tools = environment_.tools;
+  int uid = leadingInteger(
+      QVTaskEx::stringFromTask(tools.path(Tool::Id), {"-u", "--", *user}).value_or(""));
+  if (uid <= 0) {
+    QVLog::appendLog("Unable to find the user id of {}; the agent starts at the next log-in.",
+                     *user);
+    return;
+  }
+  // systemctl reaches a user's manager through that user's runtime folder, and only as that
+  // user: --machine=USER@ would need systemd-machined, which a workstation need not have.
+  QVTaskEx::Environment environment{{"PATH", "/usr/sbin:/usr/bin:/sbin:/bin"},
+                                    {"XDG_RUNTIME_DIR", "/run/user/" + std::to_string(uid)}};
+  auto systemctl = [&](std::initializer_list<std::string> arguments) {
+    QVTaskEx::Arguments command{"-u", *user, "--", tools.path(Tool::Systemctl), "--user"};
+    command.insert(command.end(), arguments);
+    QVTaskEx::dataFromTask(tools.path(Tool::Runuser), command, nullptr, environment);
+  };
   // Stopping first ends an instance that is already running, so starting gives exactly one
   // fresh instance; the reload makes the user's manager read the unit just written.
-  QVTaskEx::runTask(systemctl, {"--user", machine, "daemon-reload"});
-  QVTaskEx::runTask(systemctl, {"--user", machine, "stop", kUnitName});
+  systemctl({"daemon-reload"});
+  systemctl({"stop", kUnitName});
   environment_.sleep(std::chrono::seconds(3));
-  QVTaskEx::runTask(systemctl, {"--user", machine, "start", kUnitName});
+  systemctl({"start", kUnitName});
 }
 
 void Installer::cleanupMountedDisks() {
@@ -253,8 +285,7 @@ void Installer::runSetup() {
       QVTaskEx::stringFromTask(environment_.tools.path(Tool::Id), {"-u", console}).value_or("");
   QVLog::console("uid: {}", leadingInteger(id));
   QVLog::console("Running client...");
-  // The service manager is addressed as the console user's (--machine=USER@) instead of by
-  // switching to that user's id: only root may address another user's manager.
+  // Set-up itself stays root: only the systemctl runs of runClient take the console user's id.
   runClient();
 }
 

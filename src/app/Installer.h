@@ -55,6 +55,9 @@ public:
 
   // <system root>/etc/systemd/user/com.quorvane.Kestrin.service
   std::string unitPath() const;
+  // <system root>/usr/lib/systemd/user/com.quorvane.Kestrin.service: where the Debian package
+  // puts the unit. When it is there, set-up only enables it and restarts the agent.
+  std::string packagedUnitPath() const;
   // <system root>/usr/lib/kestrin/kestrin-auth: where the agent looks for the helper (the tool
   // table's default), in a folder only root may change.
   std::string helperPath() const;

@@ -32,6 +32,7 @@ constexpr std::array<ToolInfo, kToolCount> kTools{{
     {Tool::Ditto, "ditto", ""}, // beside the running executable, see below
     {Tool::KestrinAuth, "kestrin_auth", "/usr/lib/kestrin/kestrin-auth"},
     {Tool::XdgOpen, "xdg_open", "/usr/bin/xdg-open"},
+    {Tool::Runuser, "runuser", "/sbin/runuser"},
 }};
 
 constexpr bool inEnumerationOrder() {

@@ -32,9 +32,10 @@ enum class Tool {
   KestrinAuth,  // the setuid helper for administrator rights, where "-setup" installs it: a
                 // fixed place that only root may change, never inside the bundle
   XdgOpen,      // opens a document or a URL with the desktop's handler for it
+  Runuser,      // runs systemctl as the console user, to reach that user's service manager
 };
 
-inline constexpr std::size_t kToolCount = static_cast<std::size_t>(Tool::XdgOpen) + 1;
+inline constexpr std::size_t kToolCount = static_cast<std::size_t>(Tool::Runuser) + 1;
 
 // Where each program lives. Tests and the integration harness point entries at fake tools,
 // so no test ever runs the machine's real chown or systemctl.

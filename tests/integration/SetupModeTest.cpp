@@ -42,6 +42,7 @@ protected:
         {"XDG_RUNTIME_DIR", machine.runtimeDirectory().string()},
         {"PATH", "/usr/bin:/bin"},
         {"KESTRIN_TOOL_SYSTEMCTL", machine.makeRecordingTool("systemctl").string()},
+        {"KESTRIN_TOOL_RUNUSER", machine.makeRecordingTool("runuser").string()},
         {"KESTRIN_TOOL_UMOUNT", machine.makeRecordingTool("umount").string()},
         {"KESTRIN_TOOL_ID", machine.makeRecordingTool("id", "echo 1234\n").string()}};
     auto output = machine.root() / "setup.out";

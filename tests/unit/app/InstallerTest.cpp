@@ -195,16 +195,40 @@ TEST_F(InstallerTest, OnlyVolumesWhoseNamesBeginWithTheProductAreDetached) {
   EXPECT_NE(machine.logText().find("Unmounting disk image Kestrin 2.1..."), std::string::npos);
 }
 
+TEST_F(InstallerTest, AnInstalledPackagesUnitIsOnlyEnabled) {
+  SKIP_UNLESS_TRUSTED();
+  fs::path packaged = machine.root() / "usr/lib/systemd/user/com.quorvane.Kestrin.service";
+  testing::writeText(packaged, "packaged");
+  testing::writeText(bundle / "Contents/MacOS/kestrin-auth", "helper");
+  installer().setupClient();
+  // Nothing of set-up's own that would outlive the package's removal.
+  EXPECT_FALSE(fs::exists(unitFolder() / "com.quorvane.Kestrin.service"));
+  EXPECT_FALSE(fs::exists(machine.root() / "usr/lib/kestrin"));
+  EXPECT_FALSE(fs::exists(machine.root() / "etc/pam.d"));
+  EXPECT_EQ(readText(packaged), "packaged");
+  EXPECT_EQ(commands(), "systemctl --root=" + machine.root().string() +
+                            " --global enable com.quorvane.Kestrin.service\n");
+}
+
 class InstallerAsRootTest : public InstallerTest {
 protected:
   InstallerAsRootTest() : InstallerTest(0, "alice") {}
 };
 
 TEST_F(InstallerAsRootTest, RunClientRestartsTheUnitInTheConsoleUsersManager) {
+  tools =
+      ToolTable({{Tool::Systemctl, "/bin/systemctl"},
+                 {Tool::Runuser,
+                  machine.makeRecordingTool("runuser", "echo \"$XDG_RUNTIME_DIR\" >> '" +
+                                                           machine.commandLog().string() + "'\n")},
+                 {Tool::Id, machine.makeRecordingTool("id", "echo 1000\n")}});
   installer().runClient();
-  EXPECT_EQ(commands(), "systemctl --user --machine=alice@ daemon-reload\n"
-                        "systemctl --user --machine=alice@ stop com.quorvane.Kestrin.service\n"
-                        "systemctl --user --machine=alice@ start com.quorvane.Kestrin.service\n");
+  EXPECT_EQ(commands(), "id -u -- alice\n"
+                        "runuser -u alice -- /bin/systemctl --user daemon-reload\n/run/user/1000\n"
+                        "runuser -u alice -- /bin/systemctl --user stop "
+                        "com.quorvane.Kestrin.service\n/run/user/1000\n"
+                        "runuser -u alice -- /bin/systemctl --user start "
+                        "com.quorvane.Kestrin.service\n/run/user/1000\n");
   EXPECT_EQ(slept, std::vector<long>{3});
 }
 
