@@ -32,7 +32,7 @@ class ServiceAdvertiser {
 public:
   struct Registration {
     std::string type;          // "_kestrin._tcp."
-    std::string name;          // empty: the host's name
+    std::string name;          // empty: the host's name, or "name #2"... when that is taken
     int port = 0;              // host byte order
     std::string interfaceName; // empty: every interface; unknown: nothing is registered
     std::variant<TxtPairs, TxtRecord> txt;

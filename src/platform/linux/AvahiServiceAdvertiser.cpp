@@ -5,7 +5,9 @@
 
 #include <avahi-client/client.h>
 #include <avahi-client/publish.h>
+#include <avahi-common/alternative.h>
 #include <avahi-common/error.h>
+#include <avahi-common/malloc.h>
 #include <avahi-common/thread-watch.h>
 #include <avahi-common/timeval.h>
 
@@ -95,6 +97,7 @@ public:
     avahi_threaded_poll_lock(poll_);
     wanted_ = registration;
     hasWanted_ = true;
+    renamed_.clear();
     if (client_ != nullptr && avahi_client_get_state(client_) == AVAHI_CLIENT_S_RUNNING) {
       registerService(client_);
     }
@@ -185,6 +188,10 @@ private:
     if (state == AVAHI_ENTRY_GROUP_ESTABLISHED) {
       self->listener_.didPublish(self->publishedName_);
     } else if (state == AVAHI_ENTRY_GROUP_COLLISION) {
+      if (self->renameOnCollision()) {
+        self->registerService(avahi_entry_group_get_client(group));
+        return;
+      }
       self->listener_.didNotPublish(errorDictionary(AVAHI_ERR_COLLISION));
     } else if (state == AVAHI_ENTRY_GROUP_FAILURE) {
       self->listener_.didNotPublish(
@@ -214,12 +221,21 @@ private:
       listener_.didNotPublish(errorDictionary(AVAHI_ERR_INVALID_RECORD));
       return;
     }
-    publishedName_ = wanted_.name.empty() ? avahi_client_get_host_name(client) : wanted_.name;
     AvahiStringList* txt = stringList(*entries);
-    int result = avahi_entry_group_add_service_strlst(
-        group_, interface, AVAHI_PROTO_UNSPEC, static_cast<AvahiPublishFlags>(0),
-        publishedName_.c_str(), avahiType(wanted_.type).c_str(), nullptr, nullptr,
-        static_cast<std::uint16_t>(wanted_.port), txt);
+    int result = AVAHI_ERR_COLLISION;
+    // A name this responder already serves collides at once; one on the network, later (above).
+    for (int attempt = 0; attempt < kRenameLimit && result == AVAHI_ERR_COLLISION; ++attempt) {
+      if (attempt > 0 && !renameOnCollision()) {
+        break;
+      }
+      publishedName_ = !wanted_.name.empty() ? wanted_.name
+                       : !renamed_.empty()   ? renamed_
+                                             : avahi_client_get_host_name(client);
+      result = avahi_entry_group_add_service_strlst(
+          group_, interface, AVAHI_PROTO_UNSPEC, static_cast<AvahiPublishFlags>(0),
+          publishedName_.c_str(), avahiType(wanted_.type).c_str(), nullptr, nullptr,
+          static_cast<std::uint16_t>(wanted_.port), txt);
+    }
     avahi_string_list_free(txt);
     if (result >= 0) {
       result = avahi_entry_group_commit(group_);
@@ -228,6 +244,21 @@ private:
       listener_.didNotPublish(errorDictionary(result));
     }
   }
+
+  // The host's name is only a default: like any Bonjour service that takes it, this one goes
+  // out as "name #2" when another service has it (cloned workstations keep their names).
+  // An explicit name is the caller's to change. Answers whether it renamed.
+  bool renameOnCollision() {
+    if (!wanted_.name.empty()) {
+      return false;
+    }
+    char* alternative = avahi_alternative_service_name(publishedName_.c_str());
+    renamed_ = alternative;
+    avahi_free(alternative);
+    return true;
+  }
+
+  static constexpr int kRenameLimit = 64;
 
   Listener& listener_;
   AvahiThreadedPoll* poll_ = nullptr;
@@ -238,6 +269,7 @@ private:
   bool hasWanted_ = false;
   bool reportedAbsence_ = false;
   std::string publishedName_;
+  std::string renamed_; // the host's name was taken: the alternative in use
 };
 
 } // namespace
