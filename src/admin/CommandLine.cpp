@@ -113,6 +113,17 @@ std::unique_ptr<AdminClient> CommandLine::connect(const std::string& where,
   return std::move(*client);
 }
 
+void refuseJsonArgument(std::size_t position, const std::string& text, const std::string& why) {
+  bool bareWord = !text.empty() && std::isalpha(static_cast<unsigned char>(text[0])) &&
+                  text != "true" && text != "false" && text != "null";
+  if (bareWord) {
+    throw UsageError(fmt::format("argument {} ({}) is not JSON: a string keeps its double quotes, "
+                                 "so write '\"{}\"' (the single quotes keep them from the shell)",
+                                 position, text, text));
+  }
+  throw UsageError(fmt::format("argument {} ({}) is not JSON: {}", position, text, why));
+}
+
 plist::Value callAgent(AdminClient& agent, const std::string& selector,
                        std::vector<plist::Value> arguments) {
   try {

@@ -86,4 +86,9 @@ private:
 plist::Value callAgent(AdminClient& agent, const std::string& selector,
                        std::vector<plist::Value> arguments = {});
 
+// Refuses a value on the command line that is not JSON (argument `position`, counted from 1),
+// with a hint for the usual slip: a bare word, whose quotes the shell ate.
+[[noreturn]] void refuseJsonArgument(std::size_t position, const std::string& text,
+                                     const std::string& why);
+
 } // namespace kestrin::admin

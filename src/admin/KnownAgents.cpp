@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <mutex>
 #include <sstream>
 
 #include <fmt/format.h>
@@ -56,6 +57,10 @@ KnownAgents::Standing KnownAgents::standing(const std::string& where,
 }
 
 Expected<void> KnownAgents::record(const std::string& where, const std::string& fingerprint) const {
+  // A fleet meets many new agents at once: each record rewrites the file from what it read,
+  // so two at a time would lose one of them.
+  static std::mutex recording;
+  std::lock_guard lock(recording);
   std::istringstream lines(readAll(path_));
   std::string kept;
   for (std::string line; std::getline(lines, line);) {

@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "admin/EventPrinter.h"
 #include "admin/JsonValue.h"
 
 namespace kestrin::admin {
@@ -17,8 +18,8 @@ plist::Value PrintingDelegate::invoke(const std::string& selector,
   line += jsonFromValue(plist::Value(plist::Array(arguments.begin(), arguments.end())));
   line += '\n';
   {
-    static std::mutex writing;
-    std::lock_guard lock(writing);
+    // Events print on the same stream: whole lines only.
+    std::lock_guard lock(outputLock());
     out_ << line << std::flush;
   }
   ++calls_;
