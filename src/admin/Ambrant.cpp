@@ -19,6 +19,8 @@
 #include "admin/BackupCommands.h"
 #include "admin/CommandLine.h"
 #include "admin/ConfigurationReceiver.h"
+#include "admin/EventPrinter.h"
+#include "admin/FleetCommands.h"
 #include "admin/JsonValue.h"
 #include "admin/PasswordPrompt.h"
 #include "admin/PluginCommands.h"
@@ -44,45 +46,9 @@ constexpr std::string_view kUserPlaceholder = "$user";
 constexpr std::string_view kPasswordPlaceholder = "$password";
 constexpr std::string_view kCredentialsPlaceholder = "$credentials";
 
-// Prints every event an agent pushes, one line each, on standard error.
-class EventPrinter : public QVErrorCallback::Parent {
-public:
-  void postLocalNotification(const std::string& name) override { print(name, ""); }
-  void serviceEvent(const std::string& selector,
-                    const std::vector<plist::Value>& arguments) override {
-    print(selector, jsonFromValue(plist::Value(plist::Array(arguments.begin(), arguments.end()))));
-  }
-  void print(const std::string& what, const std::string& detail) {
-    std::lock_guard lock(mutex_);
-    std::cerr << "event " << what << (detail.empty() ? "" : " ") << detail << std::endl;
-  }
-
-private:
-  std::mutex mutex_;
-};
-
-// Prints queue entries as they arrive, after the callback has dropped duplicates.
-class QueuePrinter : public EventPrinter {
-public:
-  void setCallback(const QVErrorCallback* callback) { callback_ = callback; }
-  void postLocalNotification(const std::string& name) override {
-    if (name == "QVAmbrantErrorLabelRefresh" && callback_ != nullptr) {
-      plist::Array queue = callback_->errorQueue();
-      if (!queue.empty()) {
-        print("error", jsonFromValue(queue.front()));
-      }
-      return;
-    }
-    EventPrinter::postLocalNotification(name);
-  }
-
-private:
-  const QVErrorCallback* callback_ = nullptr;
-};
-
 // The connection a command's events arrive on, printed as they come.
 struct Session {
-  QueuePrinter printer;
+  EventPrinter printer{std::cerr};
   std::unique_ptr<AdminClient> client;
 };
 
@@ -183,20 +149,6 @@ Expected<void> fillCredentials(std::vector<plist::Value>& values,
   return {};
 }
 
-// A value on the command line that is not JSON. A bare word is the usual slip: the shell ate
-// the quotes of a JSON string.
-[[noreturn]] void refuseArgument(std::size_t position, const std::string& text,
-                                 const std::string& why) {
-  bool bareWord = !text.empty() && std::isalpha(static_cast<unsigned char>(text[0])) &&
-                  text != "true" && text != "false" && text != "null";
-  if (bareWord) {
-    throw UsageError(fmt::format("argument {} ({}) is not JSON: a string keeps its double quotes, "
-                                 "so write '\"{}\"' (the single quotes keep them from the shell)",
-                                 position, text, text));
-  }
-  throw UsageError(fmt::format("argument {} ({}) is not JSON: {}", position, text, why));
-}
-
 int call(CommandLine& command) {
   bool xml = command.flag("--xml");
   double linger = command.seconds("--linger").value_or(0);
@@ -214,7 +166,7 @@ int call(CommandLine& command) {
   for (std::size_t i = 2; i < operands.size(); ++i) {
     auto value = valueFromJson(operands[i], makeDelegate);
     if (!value) {
-      refuseArgument(i - 1, operands[i], value.message());
+      refuseJsonArgument(i - 1, operands[i], value.message());
     }
     values.push_back(std::move(*value));
   }
@@ -528,6 +480,22 @@ constexpr Command kCommands[] = {
      "Asks the agent for every render cluster it sees (qmasterJobs) and prints each cluster,\n"
      "its batches and their jobs, with their attributes.\n",
      [](CommandLine& command) { return jobsCommand(command); }},
+    {"fleet",
+     "SELECTOR [ARG ...] | watch  [--hosts FILE] [--browse SECONDS] [--parallel N] [--json] "
+     "[--where KEY.PATH=VALUE]",
+     "call an operation on every agent, or watch them all",
+     "Finds the agents by DNS-SD (listening --browse seconds, default 3) or reads them from\n"
+     "--hosts FILE (one HOST:PORT a line, # for comments). Calls SELECTOR with the ARGs (JSON,\n"
+     "as for call) on every agent, --parallel at a time (default 32), each within --timeout,\n"
+     "and prints a row per agent as it answers: address, time taken, the answer in short or\n"
+     "the error; then \"N answered, N failed, N timed out\". A progress line shows on a\n"
+     "terminal. --json prints one object a line (agent, ms, outcome, answer or error).\n"
+     "--where keeps the answers whose KEY.PATH equals VALUE (!= for the others): a path\n"
+     "through dictionaries, any element of an array; 'Tibbet.running=true'.\n"
+     "\"fleet watch\" registers with every agent and prints their events as one stream, each\n"
+     "line after its agent's address; agents that appear later are joined, one that goes is\n"
+     "reported once. Ends on Ctrl-C.\n",
+     [](CommandLine& command) { return fleetCommand(command); }},
     {"encrypt-password", "", "print the \"authPass\" data for a password read from standard input",
      "Reads one line without echo on a terminal and prints the encrypted form in base64.\n",
      encryptPassword},

@@ -61,6 +61,36 @@ TEST(Dnssd, AmbrantBrowseFindsTheAgentWithItsTxtEntriesAndKey) {
   EXPECT_TRUE(agent.logContains("Publishing..."));
 }
 
+TEST(Dnssd, AFleetCommandFindsAndCallsEveryAdvertisedAgent) {
+  constexpr int kAgents = 10;
+  // One runtime folder: each agent meets the others' names there and takes a name of its own,
+  // which is the name it advertises.
+  testing::TempDir runtime;
+  std::vector<std::unique_ptr<RunningAgent>> agents;
+  for (int i = 0; i < kAgents; ++i) {
+    agents.push_back(std::make_unique<RunningAgent>(runtime.path()));
+  }
+  std::vector<int> ports;
+  for (auto& agent : agents) {
+    ports.push_back(agent->waitForPort());
+    ASSERT_NE(ports.back(), 0);
+  }
+  testing::TempDir console;
+  std::string out;
+  // The responder takes a moment to publish ten names after their conflicts are settled.
+  EXPECT_TRUE(eventually(
+      [&] {
+        out = run("XDG_CONFIG_HOME='" + console.path().string() + "' " + KESTRIN_AMBRANT_PATH +
+                  " fleet ping --browse 2 --timeout 5");
+        return out.find("10 answered, 0 failed, 0 timed out") != std::string::npos;
+      },
+      30s))
+      << out;
+  for (int port : ports) {
+    EXPECT_NE(out.find(":" + std::to_string(port) + "\t"), std::string::npos) << port;
+  }
+}
+
 TEST(Dnssd, AnAbsentResponderDelaysTheAdvertisementWithoutFailingIt) {
   run("avahi-daemon -k");
   ASSERT_TRUE(eventually([] { return run("avahi-daemon --check; echo $?").find("0\n") != 0; }));
@@ -88,15 +118,26 @@ TEST(Dnssd, AnAbsentResponderDelaysTheAdvertisementWithoutFailingIt) {
       20s));
 }
 
-TEST(Dnssd, ANameTakenByAnotherServiceIsAFailedPublication) {
+TEST(Dnssd, AHostNameTakenByAnotherServiceIsReplacedByAnAlternative) {
   std::string publisher =
       "avahi-publish -s '" + hostShortName() + "' _kestrin._tcp 4000 >/dev/null 2>&1 & echo $!";
   std::string pid = run(publisher);
   std::this_thread::sleep_for(1s);
   RunningAgent agent;
-  ASSERT_NE(agent.waitForPort(), 0);
+  int port = agent.waitForPort();
+  ASSERT_NE(port, 0);
+  testing::TempDir console;
+  std::string line;
   EXPECT_TRUE(eventually(
-      [&] { return agent.logContains("Failed to publish. Retrying in 10 seconds..."); }, 15s));
+      [&] {
+        line = run("XDG_CONFIG_HOME='" + console.path().string() + "' " + KESTRIN_AMBRANT_PATH +
+                   " browse --timeout 2");
+        return line.find(hostShortName() + " #2\t") != std::string::npos &&
+               line.find("\t" + std::to_string(port) + "\t") != std::string::npos;
+      },
+      15s))
+      << line;
+  EXPECT_FALSE(agent.logContains("Failed to publish"));
   run("kill " + pid);
 }
 
