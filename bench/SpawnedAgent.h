@@ -119,6 +119,7 @@ public:
         std::chrono::seconds(10), prepare(dir));
   }
   transport::RpcClient* client() const { return agent_->client(); }
+  const SpawnedAgent& agent() const { return *agent_; }
 
 private:
   ScratchDir scratch_;
