@@ -12,8 +12,9 @@ std::mutex& outputLock() {
 EventPrinter::EventPrinter(std::ostream& out, std::string tag) : out_(out), tag_(std::move(tag)) {}
 
 void EventPrinter::postLocalNotification(const std::string& name) {
-  if (name == "QVAmbrantErrorLabelRefresh" && callback_ != nullptr) {
-    plist::Array queue = callback_->errorQueue();
+  const QVErrorCallback* callback = callback_.load();
+  if (name == "QVAmbrantErrorLabelRefresh" && callback != nullptr) {
+    plist::Array queue = callback->errorQueue();
     if (!queue.empty()) {
       print("error", jsonFromValue(queue.front()));
     }

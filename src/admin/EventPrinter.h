@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <mutex>
 #include <ostream>
 #include <string>
@@ -18,7 +19,7 @@ public:
   explicit EventPrinter(std::ostream& out, std::string tag = "");
 
   // The callback whose queue "QVAmbrantErrorLabelRefresh" announces; may stay unset.
-  void setCallback(const QVErrorCallback* callback) { callback_ = callback; }
+  void setCallback(const QVErrorCallback* callback) { callback_.store(callback); }
 
   void postLocalNotification(const std::string& name) override;
   void serviceEvent(const std::string& selector,
@@ -29,7 +30,8 @@ public:
 private:
   std::ostream& out_;
   std::string tag_;
-  const QVErrorCallback* callback_ = nullptr;
+  // Set once the connection is made, while its events may already be arriving.
+  std::atomic<const QVErrorCallback*> callback_{nullptr};
 };
 
 // The lock every printer writing to a terminal or a pipe takes, so that no line is cut.

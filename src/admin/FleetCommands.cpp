@@ -16,6 +16,7 @@
 #include "admin/CommandLine.h"
 #include "admin/EventPrinter.h"
 #include "admin/Fleet.h"
+#include "admin/FleetMembers.h"
 #include "admin/FleetTargets.h"
 #include "admin/JsonValue.h"
 
@@ -178,126 +179,36 @@ int callFleet(const CommandLine& command, const std::vector<std::string>& operan
   return summary.agentErrors > 0 ? kExitAgentError : kExitOk;
 }
 
-// One agent a watch hears from.
-struct Member {
-  std::unique_ptr<EventPrinter> printer;
-  std::unique_ptr<AdminClient> client;
-};
-
-// Every agent's events as one stream, each line after its agent's address. Agents that
-// appear later are joined at the next look; one that goes away is reported once, and joined
-// again when it comes back.
-class FleetWatch {
+// Every agent's events as one stream, each line after its agent's address.
+class WatchPrinter : public FleetMembers::Listener {
 public:
-  FleetWatch(const Targets& targets, const Fleet::Options& options)
-      : targets_(targets), options_(options) {}
-
-  // Joins what is there now; answers how many agents it hears from.
-  std::size_t look() {
-    std::vector<AgentAddress> wanted;
-    try {
-      wanted = targets_.find();
-    } catch (const CommandFailure& failure) {
-      say("ambrant: " + std::string(failure.what()));
-      return heard();
+  QVErrorCallback::Parent* eventsFor(const std::string& where) override {
+    std::lock_guard lock(mutex_);
+    auto& printer = printers_[where];
+    if (!printer) {
+      printer = std::make_unique<EventPrinter>(std::cout, where);
     }
-    dropGone();
-    std::vector<AgentAddress> toJoin;
-    {
-      std::lock_guard lock(mutex_);
-      for (const AgentAddress& agent : wanted) {
-        if (!members_.contains(addressText(agent))) {
-          toJoin.push_back(agent);
-        }
-      }
-    }
-    std::vector<std::thread> joining;
-    std::mutex slots;
-    std::size_t next = 0;
-    auto worker = [&] {
-      for (;;) {
-        AgentAddress agent;
-        {
-          std::lock_guard lock(slots);
-          if (next == toJoin.size()) {
-            return;
-          }
-          agent = toJoin[next++];
-        }
-        join(agent);
-      }
-    };
-    for (std::size_t i = 0; i < std::min(options_.parallel, toJoin.size()); ++i) {
-      joining.emplace_back(worker);
-    }
-    for (std::thread& thread : joining) {
-      thread.join();
-    }
-    return heard();
+    return printer.get();
+  }
+  void joined(const std::string& where, AdminClient& client) override {
+    std::lock_guard lock(mutex_);
+    printers_[where]->setCallback(client.callback().get());
+    say(where + " joined");
+  }
+  void gone(const std::string& where) override { say(where + " gone"); }
+  void unreachable(const std::string& where, const std::string& why) override {
+    say(where.empty() ? "ambrant: " + why : where + " unreachable: " + why);
   }
 
 private:
-  void say(const std::string& line) {
+  static void say(const std::string& line) {
     std::lock_guard lock(outputLock());
     std::cout << line << std::endl;
   }
-  std::size_t heard() {
-    std::lock_guard lock(mutex_);
-    return members_.size() - gone_.size();
-  }
 
-  void join(const AgentAddress& agent) {
-    std::string where = addressText(agent);
-    auto member = std::make_unique<Member>();
-    member->printer = std::make_unique<EventPrinter>(std::cout, where);
-    auto client =
-        AdminClient::connect(agent, options_.limit, member->printer.get(), options_.trust);
-    if (!client) {
-      std::lock_guard lock(mutex_);
-      // Said once, not at every look, until the agent is heard from again.
-      if (unreachable_.insert(where).second) {
-        say(fmt::format("{} unreachable: {}", where, client.message()));
-      }
-      return;
-    }
-    member->client = std::move(*client);
-    member->printer->setCallback(member->client->callback().get());
-    // Events may be far apart: only connecting had a limit.
-    member->client->connection().setReplyTimeout(milliseconds(0));
-    member->client->connection().setDisconnectHandler([this, where] {
-      std::lock_guard lock(mutex_);
-      if (gone_.insert(where).second) {
-        say(where + " gone");
-      }
-    });
-    std::lock_guard lock(mutex_);
-    unreachable_.erase(where);
-    say(where + " joined");
-    members_[where] = std::move(member);
-  }
-
-  // Connections that closed are ended here, on the watch's own thread, never from their own.
-  void dropGone() {
-    std::vector<std::unique_ptr<Member>> ended;
-    {
-      std::lock_guard lock(mutex_);
-      for (const std::string& where : gone_) {
-        auto it = members_.find(where);
-        if (it != members_.end()) {
-          ended.push_back(std::move(it->second));
-          members_.erase(it);
-        }
-      }
-      gone_.clear();
-    }
-  }
-
-  const Targets& targets_;
-  Fleet::Options options_;
   std::mutex mutex_;
-  std::map<std::string, std::unique_ptr<Member>> members_;
-  std::set<std::string> gone_;
-  std::set<std::string> unreachable_;
+  // Kept for the whole watch: a member's callback may still deliver after it is gone.
+  std::map<std::string, std::unique_ptr<EventPrinter>> printers_;
 };
 
 int watchFleet(const CommandLine& command, const Targets& targets, std::size_t parallel) {
@@ -307,7 +218,9 @@ int watchFleet(const CommandLine& command, const Targets& targets, std::size_t p
   sigaddset(&stop, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stop, nullptr); // before any thread: only this one takes them
 
-  FleetWatch watch(targets, {parallel, command.timeout(), command.trust()});
+  WatchPrinter printer;
+  FleetMembers watch([&targets] { return targets.find(); },
+                     {parallel, command.timeout(), command.trust()}, printer);
   std::size_t heard = watch.look();
   {
     std::lock_guard lock(outputLock());
