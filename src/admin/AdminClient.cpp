@@ -45,11 +45,13 @@ Expected<std::unique_ptr<AdminClient>> AdminClient::connect(const AgentAddress& 
   }
   // The key is judged before anything is sent that an impostor could use.
   const std::optional<std::string>& fingerprint = (*client)->peerFingerprint();
+  bool firstContact = false;
   if (trust.known != nullptr && fingerprint) {
     switch (trust.known->standing(where, *fingerprint)) {
     case KnownAgents::Standing::Known:
       break;
     case KnownAgents::Standing::New:
+      firstContact = true;
       if (auto recorded = trust.known->record(where, *fingerprint); !recorded) {
         return Failure{fmt::format("cannot record the key of {}: {}", where, recorded.message())};
       }
@@ -86,7 +88,10 @@ Expected<std::unique_ptr<AdminClient>> AdminClient::connect(const AgentAddress& 
     }
     return Failure{fmt::format("cannot register the error callback: {} - {}", e.name(), e.what())};
   }
-  return std::unique_ptr<AdminClient>(new AdminClient(std::move(*client), std::move(callback)));
+  auto admin =
+      std::unique_ptr<AdminClient>(new AdminClient(std::move(*client), std::move(callback)));
+  admin->firstContact_ = firstContact;
+  return admin;
 }
 
 plist::Value AdminClient::call(const std::string& selector, std::vector<plist::Value> arguments) {

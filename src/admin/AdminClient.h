@@ -46,6 +46,8 @@ public:
   plist::Value call(const std::string& selector, std::vector<plist::Value> arguments = {});
   const std::shared_ptr<QVErrorCallback>& callback() const { return callback_; }
   transport::RpcClient& connection() { return *client_; }
+  // Whether this connection met the agent's key for the first time (and recorded it).
+  bool firstContact() const { return firstContact_; }
 
 private:
   AdminClient(std::unique_ptr<transport::RpcClient> client,
@@ -54,6 +56,7 @@ private:
 
   std::unique_ptr<transport::RpcClient> client_;
   std::shared_ptr<QVErrorCallback> callback_;
+  bool firstContact_ = false;
 };
 
 } // namespace kestrin::admin

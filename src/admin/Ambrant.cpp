@@ -19,6 +19,7 @@
 #include "admin/BackupCommands.h"
 #include "admin/CommandLine.h"
 #include "admin/ConfigurationReceiver.h"
+#include "admin/CredentialPlaceholders.h"
 #include "admin/EventPrinter.h"
 #include "admin/FleetCommands.h"
 #include "admin/JsonValue.h"
@@ -27,6 +28,7 @@
 #include "admin/PrintingDelegate.h"
 #include "admin/RenderCommands.h"
 #include "admin/SavedLogs.h"
+#include "admin/ServeCommand.h"
 #include "admin/UpdateCommands.h"
 #include "foundation/QVEncryption.h"
 #include "platform/ServiceBrowser.h"
@@ -40,11 +42,6 @@ namespace kestrin::admin {
 namespace {
 
 using namespace std::chrono_literals;
-
-// What --user stands in for in a call's arguments.
-constexpr std::string_view kUserPlaceholder = "$user";
-constexpr std::string_view kPasswordPlaceholder = "$password";
-constexpr std::string_view kCredentialsPlaceholder = "$credentials";
 
 // The connection a command's events arrive on, printed as they come.
 struct Session {
@@ -66,45 +63,6 @@ void printValue(const plist::Value& value, bool xml) {
   } else {
     std::cout << jsonFromValue(value) << std::endl;
   }
-}
-
-// The placeholder a value is, if it is one: a dictionary whose one key names it.
-std::optional<std::string_view> placeholderOf(const plist::Value& value) {
-  const plist::Dictionary* dictionary = value.asDictionary();
-  if (dictionary == nullptr || dictionary->size() != 1) {
-    return std::nullopt;
-  }
-  for (std::string_view name : {kUserPlaceholder, kPasswordPlaceholder, kCredentialsPlaceholder}) {
-    if (dictionary->contains(name)) {
-      return name;
-    }
-  }
-  return std::nullopt;
-}
-
-// Replaces the placeholders in `value` and below; answers how many there were. `credentials`
-// makes the replacements, asking for the password at most once.
-int replacePlaceholders(plist::Value& value,
-                        const std::function<plist::Value(std::string_view)>& credentials) {
-  if (auto placeholder = placeholderOf(value)) {
-    value = credentials(*placeholder);
-    return 1;
-  }
-  int count = 0;
-  if (plist::Array* array = value.asArray()) {
-    for (plist::Value& element : *array) {
-      count += replacePlaceholders(element, credentials);
-    }
-  } else if (plist::Dictionary* dictionary = value.asDictionary()) {
-    plist::Dictionary replaced;
-    for (const auto& [key, element] : *dictionary) {
-      plist::Value copy = element;
-      count += replacePlaceholders(copy, credentials);
-      replaced.set(key, std::move(copy));
-    }
-    *dictionary = std::move(replaced);
-  }
-  return count;
 }
 
 // Puts the administrator's name and password where the arguments ask for them. The password
@@ -130,10 +88,7 @@ Expected<void> fillCredentials(std::vector<plist::Value>& values,
       }
       encrypted = QVEncryption::encryptPassword(password->view());
     }
-    if (placeholder == kPasswordPlaceholder) {
-      return *encrypted;
-    }
-    return plist::Dictionary{{"authUser", *user}, {"authPass", *encrypted}};
+    return credentialValue(placeholder, *user, *encrypted);
   };
   int count = 0;
   for (plist::Value& value : values) {
@@ -496,6 +451,16 @@ constexpr Command kCommands[] = {
      "line after its agent's address; agents that appear later are joined, one that goes is\n"
      "reported once. Ends on Ctrl-C.\n",
      [](CommandLine& command) { return fleetCommand(command); }},
+    {"serve", "[--listen HOST:PORT] [--hosts FILE] [--browse SECONDS] [--password-stdin]",
+     "serve the administration console to a browser",
+     "Serves the console at http://127.0.0.1:8750/ (--listen changes it): every workstation\n"
+     "found by DNS-SD or listed in --hosts FILE, updated live, with its configuration,\n"
+     "applications, plug-ins, logs, tasks and render jobs, the events the agents push, and the\n"
+     "everyday actions. The administrator's credentials are asked for once per browser session\n"
+     "and kept only in memory. Bound beyond loopback it speaks only HTTPS, with this console's\n"
+     "key, and asks for a console password, set at the first such start (from the terminal, or\n"
+     "one line on standard input with --password-stdin). Ends on Ctrl-C.\n",
+     [](CommandLine& command) { return serveCommand(command); }},
     {"encrypt-password", "", "print the \"authPass\" data for a password read from standard input",
      "Reads one line without echo on a terminal and prints the encrypted form in base64.\n",
      encryptPassword},

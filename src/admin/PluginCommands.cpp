@@ -84,31 +84,35 @@ int pluginsCommand(CommandLine& command) {
   return kExitOk;
 }
 
-int copyPluginCommand(CommandLine& command) {
-  auto operands = command.operands({"FROM:PORT", "TO:PORT", "PATH"});
-  const std::string& path = operands[2];
-  auto from = command.connect(operands[0]);
-  auto to = command.connect(operands[1]);
-  auto record = recordAt(*from, path);
+std::string copyPlugin(AdminClient& from, const std::string& fromName, AdminClient& to,
+                       const std::string& toName, const std::string& path) {
+  auto record = recordAt(from, path);
   if (!record) {
-    throw CommandFailure(kExitAgentError, operands[0] + " has no plug-in at " + path);
+    throw CommandFailure(kExitAgentError, fromName + " has no plug-in at " + path);
   }
-  plist::Value data = callAgent(*from, "vantryPluginData:", {*record});
+  plist::Value data = callAgent(from, "vantryPluginData:", {*record});
   if (!data.asData()) {
     throw CommandFailure(kExitAgentError,
-                         operands[0] + " could not send " + path + " (its log says why)");
+                         fromName + " could not send " + path + " (its log says why)");
   }
   std::size_t slash = path.find_last_of('/');
   std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
   record->set("filename", name);
-  callAgent(*to, "vantryInstallPlugin:withData:", {*record, data});
-  auto installed = installedNamed(*to, name);
+  callAgent(to, "vantryInstallPlugin:withData:", {*record, data});
+  auto installed = installedNamed(to, name);
   if (!installed) {
     throw CommandFailure(kExitAgentError,
-                         operands[1] + " did not install " + name + " (its log says why)");
+                         toName + " did not install " + name + " (its log says why)");
   }
-  std::cout << "Installed " << stringMember(*installed, "fullPath").value_or(name) << " on "
-            << operands[1] << std::endl;
+  return stringMember(*installed, "fullPath").value_or(name);
+}
+
+int copyPluginCommand(CommandLine& command) {
+  auto operands = command.operands({"FROM:PORT", "TO:PORT", "PATH"});
+  auto from = command.connect(operands[0]);
+  auto to = command.connect(operands[1]);
+  std::string installed = copyPlugin(*from, operands[0], *to, operands[1], operands[2]);
+  std::cout << "Installed " << installed << " on " << operands[1] << std::endl;
   return kExitOk;
 }
 
