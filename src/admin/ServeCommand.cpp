@@ -41,9 +41,14 @@ int serveCommand(CommandLine& command) {
   }
   bool passwordFromStdin = command.flag("--password-stdin");
   command.operands({});
-  auto address = parseAgentAddress(listen);
+  // Port 0 lets the system choose, which the first line printed then names.
+  bool anyPort = listen.ends_with(":0");
+  auto address = parseAgentAddress(anyPort ? listen.substr(0, listen.size() - 1) + "1" : listen);
   if (!address) {
     throw UsageError("--listen: " + address.message());
+  }
+  if (anyPort) {
+    address->port = 0;
   }
 
   // Beyond this machine the console asks for its own password, and speaks only TLS.

@@ -36,6 +36,8 @@ constexpr int kWebSocketMessagesPerSecond = 20;
 // Work waiting for the agents at once; beyond it the console is busy, not slower.
 constexpr int kMaxPending = 256;
 constexpr const char* kSessionCookie = "kestrin-session";
+// The agents' code for a name and password that did not pass.
+constexpr std::int64_t kIncorrectPassword = 1006;
 
 const std::set<std::string_view> kAllowedSelectors = {
     // reading
@@ -430,7 +432,18 @@ private:
       return error(404, *agent + " is not connected");
     }
     try {
-      return json(200, plist::Dictionary{{"answer", client->call(*selector, arguments)}});
+      Value answer = client->call(*selector, arguments);
+      plist::Dictionary reply{{"answer", answer}};
+      // An error answered is told in the console's own words, as the events are.
+      if (const plist::ErrorRecord* failure = answer.asError()) {
+        if (auto text = QVErrorCallback::descriptionForError(*failure)) {
+          reply.set("errorText", *text);
+        }
+        if (failure->code == kIncorrectPassword) {
+          server_.access_.forgetCredentials(session);
+        }
+      }
+      return json(200, reply);
     } catch (const NamedException& e) {
       return error(502, fmt::format("{}: {}", e.name(), e.what()));
     }
@@ -642,15 +655,18 @@ std::optional<std::string> ConsoleServer::run(const std::function<void(int port)
   IgnoreErrors ignore;
   kj::TaskSet connections(ignore);
   kj::Promise<void> serving = nullptr;
+  // Both live as long as the serving does: the accepting refers to them.
+  std::shared_ptr<const transport::TlsContext> tls;
+  std::function<kj::Promise<void>()> accept;
   if (options_.identity) {
     auto context =
         transport::TlsContext::make(transport::TlsContext::Side::Server, options_.identity);
     if (!context) {
       return "cannot set up TLS: " + context.message();
     }
-    std::shared_ptr<const transport::TlsContext> tls = *context;
+    tls = *context;
     // Each connection's handshake on its own, within a limit, so a silent peer holds nothing.
-    std::function<kj::Promise<void>()> accept = [&]() -> kj::Promise<void> {
+    accept = [&]() -> kj::Promise<void> {
       return receiver->accept().then([&](kj::Own<kj::AsyncIoStream> stream) {
         connections.add(timer
                             .timeoutAfter(10 * kj::SECONDS,
