@@ -28,6 +28,9 @@ def make_tibbet(root, record):
     os.makedirs(os.path.join(bundle, "Resources"))
     with open(os.path.join(bundle, "Info.plist"), "wb") as out:
         plistlib.dump({"CFBundleIdentifier": "com.quorvane.Tibbet", "CFBundleName": "Tibbet"}, out)
+    # The file that marks a bundle as one of the maker's.
+    with open(os.path.join(bundle, "QVUpdates.plist"), "wb") as out:
+        plistlib.dump({}, out)
     with open(os.path.join(bundle, "Resources", "QVTasks.plist"), "wb") as out:
         plistlib.dump({"QVTasks": [{"id": "clean", "command": ["--clean", "--all"],
                                      "description": "Clean the caches"}]}, out)

@@ -284,6 +284,11 @@ function renderEvents() {
 function addEvents(events) {
   for (const event of events) {
     state.events.unshift(event);
+    // An agent refused the password: ambrant has forgotten it, and the header says so.
+    if (event.errorcode === 1006 && state.credentials) {
+      state.credentials = false;
+      renderHeader();
+    }
   }
   state.events.length = Math.min(state.events.length, 500);
   renderEvents();
