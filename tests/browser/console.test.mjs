@@ -73,7 +73,8 @@ try {
     await page.evaluate((i) => document.querySelectorAll('[role="tab"]')[i].click(), index);
     await page.waitForFunction(() => !document.querySelector('#tab').textContent.startsWith('Asking the agent'), { timeout: 15000 });
     const text = await page.$eval('#tab', (tab) => tab.textContent);
-    check(`the ${title} page shows what the agent answered`, text.length > 0 && !text.startsWith('Error'), text.slice(0, 80));
+    const refused = await page.$('#tab p.bad');
+    check(`the ${title} page shows what the agent answered`, text.length > 0 && !refused, text.slice(0, 80));
     await page.screenshot({ path: join(shots, `workstation-${title.toLowerCase().replace(/[^a-z]+/g, '-')}.png`), fullPage: true });
   }
 

@@ -43,11 +43,10 @@ const std::set<std::string_view> kAllowedSelectors = {
     // reading
     "ping", "hostName", "clientVersionString", "initialConfiguration", "systemSpecs",
     "ambrantAppInfo", "finalCutStudioAppInfo", "vantryPluginTree", "vantryPluginList",
-    "populateQVLogFilenames",
-    "logWithFilename:", "crashLogObjectsForFiles:", "tovellGetDefinition:", "qmasterClusters",
-    "qmasterJobs", "tibbetTaskDictionary", "qvAppTasks", "feldaneBackups",
-    "listQuorvaneSoftwareUpdates", "softwareUpdateAvailableUpdateCount", "ambrantSettings",
-    "operationSignatures",
+    "populateQVLogFilenames", "logWithFilename:", "gatherLogs",
+    "crashLogObjectsForFiles:", "tovellGetDefinition:", "qmasterClusters", "qmasterJobs",
+    "tibbetTaskDictionary", "qvAppTasks", "feldaneBackups", "listQuorvaneSoftwareUpdates",
+    "softwareUpdateAvailableUpdateCount", "ambrantSettings", "operationSignatures",
     // the everyday actions
     "executeTask:bundleID:options:", "authExecuteTask:bundleID:options:username:password:",
     "authWithDict:", "vantryEnablePlugin:settings:", "launchApp:", "terminateApp:", "forceQuitApp:",
@@ -182,7 +181,8 @@ public:
     try {
       kj::Url parsed = kj::Url::parse(url, kj::Url::HTTP_REQUEST);
       for (const kj::String& part : parsed.path) {
-        path += "/" + std::string(part.cStr());
+        path += '/';
+        path += part.cStr();
       }
       for (const auto& parameter : parsed.query) {
         query[parameter.name.cStr()] = parameter.value.cStr();
