@@ -40,16 +40,9 @@ protected:
     }
     for (int i = 0; i < kSilent; ++i) {
       // Listening without ever accepting: the kernel completes the connection, nothing answers.
-      platform::FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-      sockaddr_in address{};
-      address.sin_family = AF_INET;
-      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      socklen_t length = sizeof address;
-      ::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
-      ::listen(socket.get(), 16);
-      ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
-      hosts += "127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "  # silent\n";
-      fleet_->silent.push_back(std::move(socket));
+      int port = 0;
+      fleet_->silent.push_back(testing::listeningOnLoopback(port));
+      hosts += "127.0.0.1:" + std::to_string(port) + "  # silent\n";
     }
     for (int i = 0; i < kRefusing; ++i) {
       hosts += "127.0.0.1:" + std::to_string(testing::freePort()) + "\n";

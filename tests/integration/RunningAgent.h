@@ -112,6 +112,21 @@ inline int freePort() {
   return ntohs(address.sin_port);
 }
 
+// A socket listening on a loopback port the system chose, which goes in `port`; nothing is
+// accepted until the caller does.
+inline platform::FileDescriptor listeningOnLoopback(int& port, int backlog = 16) {
+  platform::FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+  ::listen(socket.get(), backlog);
+  ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
+  port = ntohs(address.sin_port);
+  return socket;
+}
+
 // Whether something takes connections on the loopback port now.
 inline bool accepting(int port) {
   platform::FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));

@@ -122,15 +122,7 @@ TEST(TlsTransport, OnlyListedConsolesGetInWhileTheListIsSound) {
 class Observer {
 public:
   explicit Observer(int target) : target_(target) {
-    listener_ = platform::FileDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ::bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::listen(listener_.get(), 8);
-    ::getsockname(listener_.get(), reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
+    listener_ = testing::listeningOnLoopback(port_, 8);
     thread_ = std::thread([this] { relay(); });
   }
   ~Observer() {
