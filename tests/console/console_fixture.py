@@ -42,12 +42,21 @@ def make_tibbet(root, record):
 
 class Fleet:
     def __init__(self, build, agents=3, listen="127.0.0.1:0", console_password_hash=None):
+        self.serve = None
+        self.processes = []
+        self.dir = None
+        try:
+            self._start(build, agents, listen, console_password_hash)
+        except BaseException:
+            self.close()  # a fleet that did not come up leaves nothing running behind
+            raise
+
+    def _start(self, build, agents, listen, console_password_hash):
         self.build = build
         self.dir = tempfile.mkdtemp(prefix="kestrin-console-")
         self.record = os.path.join(self.dir, "tibbet.args")
         self.agents = []
         self.addresses = []
-        self.processes = []
         agent = os.path.join(build, "Kestrin.app", "Contents", "MacOS", "Kestrin")
         for i in range(agents):
             machine = os.path.join(self.dir, f"agent{i}")
@@ -106,13 +115,15 @@ class Fleet:
         return self.serve.poll() is None
 
     def close(self):
-        for process in [self.serve] + self.processes:
+        running = [p for p in [self.serve] + self.processes if p is not None]
+        for process in running:
             if process.poll() is None:
                 process.send_signal(signal.SIGTERM)
-        for process in [self.serve] + self.processes:
+        for process in running:
             try:
                 process.wait(timeout=15)
             except subprocess.TimeoutExpired:
                 process.kill()
                 process.wait()
-        shutil.rmtree(self.dir, ignore_errors=True)
+        if self.dir:
+            shutil.rmtree(self.dir, ignore_errors=True)
