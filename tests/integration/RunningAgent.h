@@ -100,18 +100,6 @@ private:
   std::unique_ptr<AgentProcess> process_;
 };
 
-// A loopback port nobody listens on now, for an agent's custom port.
-inline int freePort() {
-  platform::FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
-  ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
-  return ntohs(address.sin_port);
-}
-
 // A socket listening on a loopback port the system chose, which goes in `port`; nothing is
 // accepted until the caller does.
 inline platform::FileDescriptor listeningOnLoopback(int& port, int backlog = 16) {
@@ -125,6 +113,14 @@ inline platform::FileDescriptor listeningOnLoopback(int& port, int backlog = 16)
   ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
   port = ntohs(address.sin_port);
   return socket;
+}
+
+// A loopback port nobody listens on now (the socket that held it is closed again), for an
+// agent's custom port.
+inline int freePort() {
+  int port = 0;
+  listeningOnLoopback(port);
+  return port;
 }
 
 // Whether something takes connections on the loopback port now.
